@@ -1,0 +1,36 @@
+// Priorities, names and ids of threads, and the clock they sleep by.
+#pragma once
+
+#include <cstdint>
+
+#include <boost/thread/thread.hpp>
+
+namespace zuPlatform {
+
+enum class ThreadPriority { belowNormal, timeCritical };
+
+/// Changes the calling thread's priority. False if the system refuses; the thread then runs on as it was.
+bool setCurrentThreadPriority(ThreadPriority priority);
+
+/// Asks for the highest priority that the system has, for a thread that this process has started. False if refused.
+bool setHighestPriority(boost::thread::native_handle_type thread);
+
+/// The name that a debugger shows, at most 15 characters.
+void nameCurrentThread(const char* name);
+
+/// The system's id of the calling thread.
+std::uint64_t currentThreadId();
+
+/// Gives the processor to another thread that is ready, if there is one.
+void yieldThread();
+
+/// Sleeps for `ms` milliseconds; signals do not cut it short.
+void sleepMs(std::uint32_t ms);
+
+/// Milliseconds of a steady clock with an arbitrary start; wraps.
+std::uint32_t tickCount();
+
+/// Nanoseconds of a steady clock with an arbitrary start.
+std::uint64_t steadyNanoseconds();
+
+} // namespace zuPlatform
