@@ -1,0 +1,13 @@
+// The program's version, from the build's one place for it.
+#include "platform/process.h"
+
+namespace zuPlatform {
+
+bool executableVersion(std::uint64_t& quad)
+{
+    quad = std::uint64_t{ZU_VERSION_MAJOR} << 48 | std::uint64_t{ZU_VERSION_MINOR} << 32 |
+           std::uint64_t{ZU_VERSION_BUILD} << 16 | std::uint64_t{ZU_VERSION_REVISION};
+    return true;
+}
+
+} // namespace zuPlatform
