@@ -1,0 +1,450 @@
+// The script that every fake socket shares, under one lock, and the socket operations that play it.
+#include "tests/support/fake_socket.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <optional>
+
+namespace zuPlatform {
+
+const int wouldBlockError = EAGAIN;
+const int messageSizeError = EMSGSIZE;
+
+struct DatagramSocket::State {
+    std::size_t number = 0;
+    bool closed = false;
+    std::uint64_t generation = 0; ///< of the script at the time of opening
+    bool dontFragment = false;
+    SocketAddress local;
+};
+
+} // namespace zuPlatform
+
+namespace zuTest::FakeSockets {
+namespace {
+
+using zuPlatform::ReceiveResult;
+using zuPlatform::SendResult;
+using zuPlatform::SocketAddress;
+
+struct Answer {
+    ReceiveResult result;
+    std::vector<std::uint8_t> data;
+    SocketAddress from;
+    std::size_t socket = anySocket;
+};
+
+struct Failure {
+    Call call = Call::open;
+    int error = 0;
+    std::size_t times = 0;
+    std::size_t after = 0;
+};
+
+struct Script {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::uint64_t generation = 0;
+    std::vector<Failure> failures;
+    std::deque<Answer> answers;
+    std::vector<SentDatagram> sent;
+    std::vector<std::string> calls;
+    std::function<SendResult(const SentDatagram&)> answer;
+    std::optional<SocketAddress> local;
+    std::optional<std::size_t> pending;
+    bool instant = false;
+    std::size_t opened = 0;
+    std::size_t alive = 0;
+    std::uint16_t nextPort = 50000;
+
+    /// 0, or the error that this call is to fail with.
+    int failureOf(Call call)
+    {
+        for (Failure& failure : failures) {
+            if (failure.call != call || failure.times == 0)
+                continue;
+            if (failure.after > 0) {
+                --failure.after;
+                continue;
+            }
+            --failure.times;
+            return failure.error;
+        }
+        return 0;
+    }
+
+    void note(std::size_t socket, const std::string& text)
+    {
+        calls.push_back(std::to_string(socket) + ' ' + text);
+        changed.notify_all();
+    }
+};
+
+Script& script()
+{
+    static Script& instance = *new Script;
+    return instance;
+}
+
+std::string textOf(const SocketAddress& address)
+{
+    char text[64] = "";
+    zuPlatform::formatSocketAddress(address, text, sizeof text);
+    return text;
+}
+
+void push(Answer answer)
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    script().answers.push_back(std::move(answer));
+    script().changed.notify_all();
+}
+
+} // namespace
+
+void reset()
+{
+    Script& s = script();
+    const std::lock_guard<std::mutex> lock(s.mutex);
+    ++s.generation;
+    s.failures.clear();
+    s.answers.clear();
+    s.sent.clear();
+    s.calls.clear();
+    s.answer = nullptr;
+    s.local.reset();
+    s.pending.reset();
+    s.instant = false;
+    s.opened = 0;
+    s.nextPort = 50000;
+}
+
+void fail(Call call, int error, std::size_t times, std::size_t after)
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    script().failures.push_back({call, error, times, after});
+}
+
+void pushDatagram(std::vector<std::uint8_t> data, const SocketAddress& from, std::size_t socket)
+{
+    Answer answer;
+    answer.result.kind = ReceiveResult::Kind::received;
+    answer.data = std::move(data);
+    answer.from = from;
+    answer.socket = socket;
+    push(std::move(answer));
+}
+
+void pushReceive(const ReceiveResult& result, std::size_t socket)
+{
+    Answer answer;
+    answer.result = result;
+    answer.socket = socket;
+    push(std::move(answer));
+}
+
+void setInstantTimeouts(bool instant)
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    script().instant = instant;
+}
+
+void onSend(std::function<SendResult(const SentDatagram&)> answer)
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    script().answer = std::move(answer);
+}
+
+void setLocalAddress(const SocketAddress& address)
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    script().local = address;
+}
+
+void setPendingBytes(std::size_t bytes)
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    script().pending = bytes;
+}
+
+std::vector<SentDatagram> sent()
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    return script().sent;
+}
+
+std::vector<std::string> calls()
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    return script().calls;
+}
+
+std::size_t countCalls(const std::string& call)
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    return static_cast<std::size_t>(std::count(script().calls.begin(), script().calls.end(), call));
+}
+
+bool waitForSent(std::size_t count, std::chrono::milliseconds deadline)
+{
+    std::unique_lock<std::mutex> lock(script().mutex);
+    return script().changed.wait_until(lock, std::chrono::steady_clock::now() + deadline,
+                                       [&] { return script().sent.size() >= count; });
+}
+
+bool waitForCall(const std::string& call, std::size_t count, std::chrono::milliseconds deadline)
+{
+    std::unique_lock<std::mutex> lock(script().mutex);
+    return script().changed.wait_until(lock, std::chrono::steady_clock::now() + deadline, [&] {
+        const auto& made = script().calls;
+        return static_cast<std::size_t>(std::count(made.begin(), made.end(), call)) >= count;
+    });
+}
+
+std::size_t opened()
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    return script().opened;
+}
+
+std::size_t alive()
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    return script().alive;
+}
+
+} // namespace zuTest::FakeSockets
+
+namespace zuPlatform {
+
+using namespace zuTest::FakeSockets;
+
+namespace {
+
+/// Notes the call and returns what it is to fail with. The caller holds the script's lock.
+template <typename State>
+int enter(State& state, Call call, const std::string& text)
+{
+    Script& s = script();
+    if (state.generation == s.generation)
+        s.note(state.number, text);
+    return state.closed ? EBADF : s.failureOf(call);
+}
+
+} // namespace
+
+std::shared_ptr<DatagramSocket> DatagramSocket::open(int& error)
+{
+    Script& s = script();
+    const std::lock_guard<std::mutex> lock(s.mutex);
+    error = s.failureOf(Call::open);
+    if (error)
+        return nullptr;
+    auto state = std::make_unique<State>();
+    state->number = s.opened++;
+    ++s.alive;
+    state->generation = s.generation;
+    s.note(state->number, "open");
+    return std::shared_ptr<DatagramSocket>(new DatagramSocket(std::move(state)));
+}
+
+DatagramSocket::DatagramSocket(std::unique_ptr<State> state) : state_(std::move(state)) {}
+
+DatagramSocket::~DatagramSocket()
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    --script().alive;
+}
+
+int DatagramSocket::bind(const SocketAddress& address)
+{
+    Script& s = script();
+    const std::lock_guard<std::mutex> lock(s.mutex);
+    const int error = enter(*state_, Call::bind, "bind " + textOf(address));
+    if (error)
+        return error;
+    state_->local = address;
+    if (address.port == 0)
+        state_->local.port = hostToNetwork16(s.nextPort++);
+    return 0;
+}
+
+int DatagramSocket::getLocalAddress(SocketAddress& address)
+{
+    Script& s = script();
+    const std::lock_guard<std::mutex> lock(s.mutex);
+    const int error = enter(*state_, Call::getLocalAddress, "getLocalAddress");
+    if (!error)
+        address = s.local ? *s.local : state_->local;
+    return error;
+}
+
+int DatagramSocket::setNonBlocking()
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    return enter(*state_, Call::setNonBlocking, "setNonBlocking");
+}
+
+int DatagramSocket::setReceiveBuffer(int bytes)
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    return enter(*state_, Call::setReceiveBuffer, "setReceiveBuffer " + std::to_string(bytes));
+}
+
+int DatagramSocket::setSendBuffer(int bytes)
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    return enter(*state_, Call::setSendBuffer, "setSendBuffer " + std::to_string(bytes));
+}
+
+int DatagramSocket::setBroadcast()
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    return enter(*state_, Call::setBroadcast, "setBroadcast");
+}
+
+int DatagramSocket::setReuseAddress()
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    return enter(*state_, Call::setReuseAddress, "setReuseAddress");
+}
+
+int DatagramSocket::setDontFragment(bool value)
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    const int error = enter(*state_, Call::setDontFragment, value ? "setDontFragment 1" : "setDontFragment 0");
+    if (!error)
+        state_->dontFragment = value;
+    return error;
+}
+
+int DatagramSocket::getDontFragment(bool& value)
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    const int error = enter(*state_, Call::getDontFragment, "getDontFragment");
+    if (!error)
+        value = state_->dontFragment;
+    return error;
+}
+
+int DatagramSocket::getPendingBytes(std::size_t& bytes)
+{
+    Script& s = script();
+    const std::lock_guard<std::mutex> lock(s.mutex);
+    const int error = enter(*state_, Call::getPendingBytes, "getPendingBytes");
+    if (error)
+        return error;
+    std::size_t queued = 0;
+    for (const Answer& answer : s.answers)
+        if (answer.result.kind == ReceiveResult::Kind::received &&
+            (answer.socket == anySocket || answer.socket == state_->number))
+            queued += std::max<std::size_t>(answer.data.size(), 1);
+    bytes = s.pending ? *s.pending : queued;
+    return 0;
+}
+
+SendResult DatagramSocket::sendTo(const void* data, std::size_t size, const SocketAddress& to)
+{
+    Script& s = script();
+    zuTest::SentDatagram datagram;
+    std::function<SendResult(const zuTest::SentDatagram&)> answer;
+    {
+        const std::lock_guard<std::mutex> lock(s.mutex);
+        if (const int error = enter(*state_, Call::sendTo, "sendTo " + textOf(to)))
+            return {-1, error};
+        const auto* const bytes = static_cast<const std::uint8_t*>(data);
+        datagram = {state_->number, {bytes, bytes + size}, to};
+        if (state_->generation == s.generation)
+            s.sent.push_back(datagram);
+        answer = s.answer;
+        s.changed.notify_all();
+    }
+    return answer ? answer(datagram) : SendResult{static_cast<std::ptrdiff_t>(size), 0};
+}
+
+ReceiveResult DatagramSocket::receive(void* buffer, std::size_t size, std::uint32_t timeoutMs, SocketAddress* from)
+{
+    Script& s = script();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    if (state_->generation == s.generation)
+        s.note(state_->number, "receive " + std::to_string(timeoutMs));
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        if (state_->closed) {
+            ReceiveResult closed;
+            closed.kind = ReceiveResult::Kind::waitFailed;
+            closed.error = EBADF;
+            return closed;
+        }
+        const bool mine = state_->generation == s.generation;
+        const auto next = std::find_if(s.answers.begin(), s.answers.end(), [&](const Answer& answer) {
+            return mine && (answer.socket == anySocket || answer.socket == state_->number);
+        });
+        if (next != s.answers.end()) {
+            const Answer answer = std::move(*next);
+            s.answers.erase(next);
+            ReceiveResult result = answer.result;
+            if (result.kind != ReceiveResult::Kind::received)
+                return result;
+            const std::size_t count = std::min(size, answer.data.size());
+            if (count)
+                std::memcpy(buffer, answer.data.data(), count);
+            if (from)
+                *from = answer.from;
+            result.count = static_cast<std::ptrdiff_t>(count);
+            if (count < answer.data.size()) {
+                result.kind = ReceiveResult::Kind::receiveFailed;
+                result.error = EMSGSIZE;
+            }
+            return result;
+        }
+        if (s.instant || std::chrono::steady_clock::now() >= deadline)
+            return {};
+        s.changed.wait_until(lock, deadline);
+    }
+}
+
+int DatagramSocket::shutdownSend()
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    return enter(*state_, Call::shutdownSend, "shutdownSend");
+}
+
+void DatagramSocket::close()
+{
+    Script& s = script();
+    const std::lock_guard<std::mutex> lock(s.mutex);
+    if (state_->generation == s.generation)
+        s.note(state_->number, "close");
+    state_->closed = true;
+    s.changed.notify_all();
+}
+
+bool parseIpv4(const char* text, std::uint32_t& networkAddress)
+{
+    in_addr address{};
+    if (!text || ::inet_pton(AF_INET, text, &address) != 1)
+        return false;
+    networkAddress = address.s_addr;
+    return true;
+}
+
+bool formatSocketAddress(const SocketAddress& address, char* text, std::size_t size)
+{
+    char quad[INET_ADDRSTRLEN];
+    const in_addr system{address.address};
+    if (!::inet_ntop(AF_INET, &system, quad, sizeof quad))
+        return false;
+    const int length = address.port == 0 ? std::snprintf(text, size, "%s", quad)
+                                         : std::snprintf(text, size, "%s:%u", quad,
+                                                         static_cast<unsigned>(networkToHost16(address.port)));
+    return length >= 0 && static_cast<std::size_t>(length) < size;
+}
+
+} // namespace zuPlatform
