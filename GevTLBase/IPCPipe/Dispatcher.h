@@ -1,0 +1,172 @@
+// One process's end of the traffic with one peer process: two loopback sockets, two threads that do nothing but
+// receive, a pool of buffers and a table of instances.
+//
+// Locks, outermost first: `instanceLock`, the mutexes of an InstanceInfo, `poolLock`. `slotLock`, `socketLock` and
+// `threadLock` are leaves. A sender holds its instance's send lock outside all of them.
+#pragma once
+
+#include "GevTLBase/IPCPipe/IMsgSrc.h"
+#include "GevTLBase/IPCPipe/InstanceMsg.h"
+#include "logging/logstate.h"
+#include "platform/socket.h"
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <vector>
+
+#include <boost/function.hpp>
+#include <boost/signals2.hpp>
+#include <boost/thread/condition_variable.hpp>
+#include <boost/thread/mutex.hpp>
+#include <boost/thread/recursive_mutex.hpp>
+#include <boost/thread/thread.hpp>
+
+namespace zuTest {
+struct DispatcherProbe;
+}
+
+namespace zuIPCPipe {
+
+class CDispatcher : public std::enable_shared_from_this<CDispatcher> {
+    struct Token {
+        explicit Token() = default;
+    };
+
+public:
+    using Callback = boost::function<void(std::shared_ptr<CDispatcher>)>;
+    using NewInstance = std::function<void(std::shared_ptr<IMsgSrc>)>;
+
+    /// One instance's place: one message each way, a later one replaces an unread one.
+    struct InstanceInfo {
+        boost::mutex cmdMutex; ///< guards `cmdMsg`, and `cmdPending` together with it
+        boost::condition_variable cmdCond;
+        boost::mutex ackMutex; ///< guards `ackMsg`, and `ackPending` together with it
+        boost::condition_variable ackCond;
+        std::atomic<bool> cmdPending{false};
+        std::atomic<bool> ackPending{false};
+        std::shared_ptr<instance_msg> ackMsg;
+        std::shared_ptr<instance_msg> cmdMsg;
+        std::atomic<std::uint64_t> remoteIndex{0};
+        boost::signals2::signal<void()> abortSignal;
+        std::atomic<std::uint64_t> aborted{0};
+        /// Notifications owed for messages already stored. One that comes after its message was read wakes the next
+        /// wait for nothing, and is not to be taken for a wake-up of its own.
+        std::atomic<unsigned> cmdNotices{0};
+        std::atomic<unsigned> ackNotices{0};
+    };
+
+    /// Where an index is asked for: none, the header's index stays as it is.
+    static constexpr std::uint64_t kNoIndex = ~std::uint64_t{0};
+
+    /// Client role and server role. Both threads run on return. `forget` is called at each Connect, `keep` never;
+    /// `callback` is called on `CmdThread` with each new instance. Throws `IPCException` if there is no socket.
+    static std::shared_ptr<CDispatcher> Make(Callback keep, Callback forget, std::uint32_t pid);
+    static std::shared_ptr<CDispatcher> Make(Callback keep, Callback forget, NewInstance callback, std::uint32_t pid);
+
+    CDispatcher(Token, Callback keep, Callback forget, std::uint32_t pid);
+    virtual ~CDispatcher();
+    CDispatcher(const CDispatcher&) = delete;
+    CDispatcher& operator=(const CDispatcher&) = delete;
+
+    /// Waits up to `timeout` milliseconds for a datagram; false if none came. An empty one counts.
+    virtual bool ReceiveMsg(const zuPlatform::SocketPtr& socket, instance_msg& message, std::uint32_t timeout);
+
+    /// The peer's ports, network byte order.
+    void SetRemotePorts(const std::uint16_t& cmdPort, const std::uint16_t& ackPort);
+
+    /// Closes the sockets and aborts every instance, which runs their disconnect handlers here and waits for their
+    /// threads. Repeatable, any thread.
+    void Shutdown();
+
+    /// Waits for both threads after `Shutdown`; does nothing on a thread of the pipe's own.
+    void JoinThreads();
+
+    std::uint64_t AddInstance(std::shared_ptr<InstanceInfo>& info);
+    void ReleaseInstance(std::uint64_t index);
+    void ConnectAbort(std::uint64_t index, boost::function<void()> abort);
+    void AbortInstance(std::uint64_t index); ///< wakes whoever waits in ReadCmd or ReadAck for good
+    void WriteCmd(instance_msg& message, std::uint64_t index);
+    void WriteAck(instance_msg& message, std::uint64_t index);
+    bool ReadCmd(std::shared_ptr<instance_msg>& message, std::uint64_t index);
+    bool ReadAck(std::shared_ptr<instance_msg>& message, std::uint32_t timeout, std::uint64_t index);
+    void ReturnMsg(std::shared_ptr<instance_msg>& message); ///< the reference is null afterwards
+
+    /// What the two threads do with a datagram in hand. They take the buffer over.
+    void HandleCmd(std::shared_ptr<instance_msg>& message);
+    void HandleAck(std::shared_ptr<instance_msg>& message);
+
+    /// Client role: asks the peer for an instance and waits up to `timeout` milliseconds. Throws
+    /// `IPCTimeoutException` "Wait for Ack failed", `IPCSocketException`. Several threads may connect at once.
+    std::shared_ptr<IMsgSrc> Connect(std::uint32_t timeout);
+
+    /// Client role: ends the peer's dispatcher with all its instances, then this one. False if the peer did not answer
+    /// within `timeout` milliseconds; this side is shut down all the same.
+    bool Terminate(std::uint32_t timeout);
+
+    std::uint16_t CmdPort() const { return cmdPort; }
+    std::uint16_t AckPort() const { return ackPort; }
+    std::uint32_t Pid() const { return pid; }
+    void SetPid(std::uint32_t value) { pid = value; }
+    std::uint64_t InstanceCount() const { return instanceCount; }
+    std::size_t SlotCount() const; ///< length of the instance vector, free slots included
+    std::uint64_t MaxInstances() const { return maxInstances; }
+    void Retire() { maxInstances = 0; } ///< client role: no further instance is put here
+
+private:
+    friend struct zuTest::DispatcherProbe;
+
+    void OpenSockets();
+    void Start();
+    void CmdThread();
+    void AckThread();
+    void LeaveOwnThread();
+    bool Fetch(const zuPlatform::SocketPtr& socket, std::shared_ptr<instance_msg>& message);
+    void HandleDispatcherCmd(std::shared_ptr<instance_msg>& message);
+    void HandleConnect(std::shared_ptr<instance_msg>& message, const std::shared_ptr<CDispatcher>& self);
+    void AnswerDispatcherCmd(instance_msg& message);
+    void SendFrom(instance_msg& message, const zuPlatform::SocketAddress& to);
+    void AddBuffers(unsigned count);
+    std::shared_ptr<InstanceInfo> Slot(std::uint64_t index) const;
+    std::shared_ptr<instance_msg> Exchange(instance_msg& message, std::uint32_t timeout);
+
+    std::atomic<bool> stopped{true};
+    std::atomic<std::uint64_t> running{0};
+    std::unique_ptr<boost::thread> cmdThread; ///< under `threadLock`
+    std::unique_ptr<boost::thread> ackThread; ///< under `threadLock`
+    zuPlatform::SocketPtr ackSock;            ///< receives acknowledges, sends everything; under `socketLock`
+    zuPlatform::SocketPtr cmdSock;            ///< receives commands; under `socketLock`
+    std::atomic<zuPlatform::SocketAddress> rmtAckAddr{};
+    std::atomic<zuPlatform::SocketAddress> rmtCmdAddr{};
+    std::uint16_t ackPort = 0; ///< own receive ports, network byte order
+    std::uint16_t cmdPort = 0;
+    boost::mutex dispAckMutex; ///< guards the three below
+    boost::condition_variable dispAckCond;
+    std::atomic<bool> dispAckPending{false};
+    std::shared_ptr<instance_msg> dispAckMsg;
+    Callback forget;
+    Callback keep;
+    std::atomic<std::uint32_t> pid;
+    std::atomic<std::uint64_t> maxInstances{30};
+    std::atomic<std::uint64_t> instanceCount{0};
+    boost::signals2::signal<void(std::shared_ptr<IMsgSrc>)> newInstance;
+    boost::signals2::connection newInstanceConnection;
+    boost::recursive_mutex poolLock; ///< guards `pool`
+    std::deque<std::shared_ptr<instance_msg>> pool;
+    /// Shared by who only stores into or clears a slot, exclusive for who may resize the vector.
+    std::shared_mutex instanceLock;
+    mutable std::mutex slotLock; ///< guards each access to `instances` itself
+    std::vector<std::shared_ptr<InstanceInfo>> instances;
+    zuLogging::logstate log;
+    std::uint64_t sendRetries = 5;
+    std::mutex socketLock;
+    std::mutex threadLock;
+    boost::mutex requestLock;     ///< client role: one dispatcher-level exchange at a time
+    std::uint32_t requestSeq = 0; ///< under `requestLock`
+};
+
+} // namespace zuIPCPipe
