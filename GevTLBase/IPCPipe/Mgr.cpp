@@ -12,6 +12,7 @@
 #include <utility>
 
 #include <boost/bind/bind.hpp>
+#include <boost/bind/placeholders.hpp>
 #include <boost/chrono/duration.hpp>
 
 namespace zuIPCPipe {
