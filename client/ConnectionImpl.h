@@ -1,0 +1,75 @@
+// One connection: the command set over its channel, under one lock.
+#pragma once
+
+#include "client/Channel.h"
+#include "client/GevClient.h"
+#include "client/Memory.h"
+#include "client/TurnLock.h"
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace zuGevClient {
+
+/// Operations are those of Connection. Each takes `turn_` for as long as its commands belong together.
+class Connection::Impl final : private WordAccess {
+public:
+    Impl();
+    ~Impl() override;
+
+    void close() noexcept;
+    bool isOpen() const noexcept { return open_; }
+
+    void bind(const Endpoint& local);
+    void setDestination(const Endpoint& camera);
+    Endpoint localAddress();
+    bool link(LinkMode mode);
+    void unlink();
+    bool checkLink();
+    std::uint32_t readRegister(std::uint32_t address);
+    void writeRegister(std::uint32_t address, std::uint32_t value);
+    void read(std::uint32_t address, void* destination, std::size_t size);
+    void write(std::uint32_t address, const void* source, std::size_t size);
+    void setAckTimeout(Milliseconds timeout);
+    Milliseconds ackTimeout();
+    void setRetries(std::uint32_t retries);
+    std::uint32_t retries();
+    Heartbeat setHeartbeat(Milliseconds timeout);
+    Heartbeat heartbeat();
+    void setEventHandler(EventHandler handler);
+
+private:
+    // Of WordAccess: each takes the lock for itself.
+    void readWords(std::uint32_t address, std::uint8_t* destination, std::size_t size) override;
+    void writeWords(std::uint32_t address, const std::uint8_t* source, std::size_t size) override;
+    void patchWord(std::uint32_t address, std::size_t offset, const std::uint8_t* source, std::size_t size) override;
+
+    // With the lock held.
+    Channel& channel();
+    Milliseconds budget(unsigned cameraCommands) const;
+    void command(Request& request, Reply& reply, Milliseconds timeout,
+                 Channel::OnSilence onSilence = Channel::OnSilence::giveUp);
+    void acknowledged(Request& request, Milliseconds timeout);
+    std::uint8_t tuning(Command command, Tag tag);
+    std::uint32_t fetchRegister(std::uint32_t address);
+    void fetchWords(std::uint32_t address, std::uint8_t* destination, std::size_t size);
+    void storeWords(std::uint32_t address, const std::uint8_t* source, std::size_t size);
+    bool sendWords(std::uint32_t address, const std::uint8_t* source, std::size_t size);
+    void giveBack();
+    Heartbeat fetchHeartbeat();
+    [[noreturn]] void refuseLink(LinkMode mode);
+
+    const std::shared_ptr<EventQueue> events_ = std::make_shared<EventQueue>();
+    std::atomic<bool> open_{true};
+    TurnLock turn_; ///< guards all below; taken before any lock of the pipe
+    std::unique_ptr<Channel> channel_;
+    bool privileged_ = false; ///< by a link of ours
+    // The daemon's replies hold but the low byte of these two. Nobody else sets them, so they are known here.
+    std::uint32_t ackTimeoutMs_ = 300;
+    std::uint32_t retries_ = 3;
+};
+
+} // namespace zuGevClient

@@ -1,0 +1,31 @@
+// How a connection finds its daemon: the process's shared client manager, and the question whether a daemon is alive.
+// Any thread.
+#pragma once
+
+#include "GevTLBase/IPCPipe/IMsgSrc.h"
+#include "GevTLBase/IPCPipe/Mgr.h"
+#include "client/GevClient.h"
+
+#include <cstdint>
+#include <memory>
+
+namespace zuGevClient {
+
+/// One end of the pipe, and what it must not outlive.
+struct Attachment {
+    std::shared_ptr<zuIPCPipe::CMgr> manager; ///< its end would end the source, so it goes last
+    std::shared_ptr<zuIPCPipe::IMsgSrc> source;
+    std::uint16_t daemonPort = 0; ///< network byte order, as published at the time
+};
+
+/// Connects to the daemon, through the manager that other connections use if it knows the daemon of today. Throws
+/// NoDaemonError.
+Attachment attach();
+
+/// The port that a daemon has published, dead or alive; 0 if there is none. Network byte order.
+std::uint16_t publishedPort();
+
+/// Whether a daemon's manager answers at this port (network byte order) within `wait`. It leaves no trace there.
+bool daemonAnswers(std::uint16_t port, Milliseconds wait);
+
+} // namespace zuGevClient
