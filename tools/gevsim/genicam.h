@@ -1,0 +1,25 @@
+// The GenICam description file that stands in the camera's memory.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace gevsim {
+
+constexpr std::uint32_t genicamSensorWidth = 640;
+constexpr std::uint32_t genicamSensorHeight = 480;
+
+struct GenicamFile {
+    std::string name; ///< "gevsim.xml", or "gevsim.zip"
+    std::vector<std::uint8_t> bytes;
+};
+
+/// The XML text.
+std::string genicamXml();
+
+/// The file as it stands in the camera: the text, or zipped an archive that holds it deflated.
+GenicamFile makeGenicamFile(bool zipped);
+
+} // namespace gevsim
