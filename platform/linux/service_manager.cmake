@@ -19,12 +19,13 @@ list(TRANSFORM zu_service_sources PREPEND "${CMAKE_CURRENT_LIST_DIR}/")
 
 # The unit that a service registers for itself is the packaged one, with another program in it.
 set(zu_unit_source "${PROJECT_SOURCE_DIR}/packaging/zuGevSvc.service.in")
-set(zu_generated "${PROJECT_BINARY_DIR}/platform/service")
+set(zu_generated "${PROJECT_BINARY_DIR}/generated")
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${zu_unit_source}")
 set(ZU_SERVICE_PROGRAM zuGevSvc)
 file(READ "${zu_unit_source}" zu_unit)
 string(CONFIGURE "${zu_unit}" zu_unit @ONLY)
-configure_file("${CMAKE_CURRENT_LIST_DIR}/service_unit_template.h.in" "${zu_generated}/service_unit_template.h" @ONLY)
+configure_file("${CMAKE_CURRENT_LIST_DIR}/service_unit_template.h.in"
+               "${zu_generated}/platform/linux/service_unit_template.h" @ONLY)
 
 zu_room(platform_service SOURCES ${zu_service_sources} DEPENDS zu::platform PRIVATE_DEPENDS ${zu_service_depends})
 target_include_directories(zu_platform_service PRIVATE "${zu_generated}")

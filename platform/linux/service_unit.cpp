@@ -1,7 +1,7 @@
 // Turns a command line into a unit file. Pure but for looking at the program's file.
 #include "platform/linux/service_unit.h"
 
-#include "service_unit_template.h"
+#include "platform/linux/service_unit_template.h"
 
 #include <sys/stat.h>
 
