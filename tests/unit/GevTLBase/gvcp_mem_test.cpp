@@ -68,7 +68,7 @@ TEST_F(GvcpMem, ReadMemBytesAndLog)
     EXPECT_EQ(counting(8, 0x10), readMem(0x9876543200000010, 8));
     EXPECT_THAT(connection.sent(), ElementsAre(readMemCommand(1, 0x10, 8)));
     EXPECT_THAT(gvcpLines(),
-                ElementsAre("info GVCP.# Successful ReadMem from addr 10986060914987532304 : num bytes 8"));
+                ElementsAre("info GVCP.# Successful ReadMem from addr 10986060914742001680 : num bytes 8"));
     EXPECT_THAT(gvcp.wakes, ElementsAre(0, 0));
 }
 
@@ -298,7 +298,7 @@ TEST_F(GvcpMem, WriteMemBytesAndLog)
     writeMem(0x9876543200000010, {1, 2, 3, 4, 5});
     EXPECT_THAT(connection.sent(), ElementsAre(Bytes{0x42, 0x01, 0x00, 0x86, 0x00, 0x09, 0x00, 0x01, 0x00, 0x00, 0x00,
                                                      0x10, 1, 2, 3, 4, 5}));
-    EXPECT_THAT(gvcpLines(), ElementsAre("info GVCP.# [GEVError] Successful WriteMem to addr 10986060914987532304 : "
+    EXPECT_THAT(gvcpLines(), ElementsAre("info GVCP.# [GEVError] Successful WriteMem to addr 10986060914742001680 : "
                                          "num bytes  5"));
     EXPECT_THAT(gvcp.wakes, ElementsAre(0, 0));
 }

@@ -544,7 +544,8 @@ TEST_F(Gvcp, RegisterAcknowledgesCutAtEveryByte)
             const std::int32_t code = failureOf([&] { readReg(0x10); }).Code();
             EXPECT_EQ(size < 4 ? -10013 : -10017, code);
         } else {
-            EXPECT_EQ(0x01020304u >> (8 * (12 - size)) << (8 * (12 - size)), readReg(0x10));
+            const std::size_t missing = 8 * (12 - size);
+            EXPECT_EQ(std::uint64_t{0x01020304} >> missing << missing, readReg(0x10));
         }
     }
 }
