@@ -19,35 +19,47 @@ constexpr std::uint32_t timeoutRegister = 0x0938;
 constexpr std::uint32_t capabilityRegister = 0x0934;
 constexpr std::uint32_t modeRegister = 0x0004;
 
-class TestControl : public GEV::CGevControl<FakeConnection> {
+using TestControl = GEV::CGevControl<FakeConnection>;
+
+/// The fields of a control object. Not a class derived from it under test: the object of a derived class changes its
+/// nature when it is destroyed, under the eyes of its heartbeat thread.
+class Fields {
+    struct Names : TestControl {
+        using TestControl::byteSwap;
+        using TestControl::ccpValue;
+        using TestControl::gvcpCapability;
+        using TestControl::hasCcp;
+        using TestControl::heartbeatMutex;
+        using TestControl::heartbeatPeriod;
+        using TestControl::runFlag;
+        using TestControl::sleepUntil;
+        using TestControl::waiting;
+        using TestControl::wakeDelay;
+        using TestControl::wakeSignalled;
+    };
+    TestControl& control_;
+
 public:
-    using Base = GEV::CGevControl<FakeConnection>;
-    explicit TestControl(GEV::LinkCallback ccpLost = {}, GEV::LinkCallback connectionLost = {},
-                         GEV::LinkCallback reconnected = {})
-        : Base(std::move(ccpLost), std::move(connectionLost), std::move(reconnected))
-    {
-    }
-
-    FakeConnection& fake() { return *GetConnection(); }
-
-    using Base::byteSwap;
-    using Base::ccpValue;
-    using Base::commandMutex;
-    using Base::gvcpCapability;
-    using Base::hasCcp;
-    using Base::heartbeatMutex;
-    using Base::heartbeatPeriod;
-    using Base::runFlag;
-    using Base::sleepUntil;
-    using Base::waiting;
-    using Base::wakeDelay;
-    using Base::wakeSignalled;
+    explicit Fields(TestControl& control) : control_(control) {}
+    // clang-format off
+    auto& byteSwap() const { return control_.*(&Names::byteSwap); }
+    auto& ccpValue() const { return control_.*(&Names::ccpValue); }
+    auto& gvcpCapability() const { return control_.*(&Names::gvcpCapability); }
+    auto& hasCcp() const { return control_.*(&Names::hasCcp); }
+    auto& heartbeatMutex() const { return control_.*(&Names::heartbeatMutex); }
+    auto& heartbeatPeriod() const { return control_.*(&Names::heartbeatPeriod); }
+    auto& runFlag() const { return control_.*(&Names::runFlag); }
+    auto& sleepUntil() const { return control_.*(&Names::sleepUntil); }
+    auto& waiting() const { return control_.*(&Names::waiting); }
+    auto& wakeDelay() const { return control_.*(&Names::wakeDelay); }
+    auto& wakeSignalled() const { return control_.*(&Names::wakeSignalled); }
+    // clang-format on
 };
 
 inline std::string addressOf(const TestControl& control)
 {
     std::ostringstream text;
-    text << static_cast<const void*>(static_cast<const TestControl::Base*>(&control));
+    text << static_cast<const void*>(&control);
     return text.str();
 }
 
@@ -63,14 +75,17 @@ protected:
         control = std::make_unique<TestControl>(std::move(ccpLost), std::move(connectionLost), std::move(reconnected));
         device.set(timeoutRegister, 3000);
         device.set(capabilityRegister, 0x00000011);
-        control->fake().respond(device.responder());
+        fake().respond(device.responder());
     }
+
+    FakeConnection& fake() const { return *control->GetConnection(); }
+    Fields fields() const { return Fields(*control); }
 
     /// What was sent: "R 0a00" and "W 0a00 00000002" for register commands.
     std::vector<std::string> commands() const
     {
         std::vector<std::string> result;
-        for (const Bytes& data : control->fake().sent()) {
+        for (const Bytes& data : fake().sent()) {
             char text[32];
             if (big16(data, 2) == 0x80)
                 std::snprintf(text, sizeof text, "R %04x", unsigned{big32(data, 8)});
@@ -91,13 +106,13 @@ protected:
     /// Waits until CCP was read that often.
     bool waitForCcpReads(std::size_t count, std::chrono::milliseconds deadline = hardDeadline)
     {
-        return control->fake().waitFor(
+        return fake().waitFor(
             [count](const std::vector<FakeConnection::Sent>& sent) {
                 return countOf(sent, 0x80, ccpRegister) >= count;
             },
             deadline);
     }
-    std::size_t ccpReads() const { return countOf(control->fake().sentWithTimes(), 0x80, ccpRegister); }
+    std::size_t ccpReads() const { return countOf(fake().sentWithTimes(), 0x80, ccpRegister); }
 
     /// Register commands on `address` that no device answers.
     static FakeDevice::Fault silenceOn(std::uint32_t address)

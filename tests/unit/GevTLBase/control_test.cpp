@@ -31,16 +31,16 @@ TEST_F(Control, LinkForControlWritesTwiceAndReadsWhatItNeeds)
 {
     control->Link(3);
     EXPECT_THAT(commands(), ElementsAre("W 0a00 00000002", "W 0a00 00000002", "R 0938", "R 0934", "R 0004"));
-    const std::vector<Bytes> sent = control->fake().sent();
+    const std::vector<Bytes> sent = fake().sent();
     EXPECT_EQ(1, big16(sent[0], 6));
     EXPECT_EQ(2, big16(sent[1], 6));
     EXPECT_THAT(withoutPriority(controlLines()), ElementsAre(className + "Link " + addressOf(*control), writeLine,
                                                              createLine, "info GEVCTRL.# Heartbeat Timeout 3000"));
     EXPECT_TRUE(control->IsLinked());
-    EXPECT_TRUE(control->hasCcp);
-    EXPECT_FALSE(control->byteSwap);
-    EXPECT_EQ(600u, control->heartbeatPeriod);
-    EXPECT_EQ(0x11u, control->gvcpCapability);
+    EXPECT_TRUE(fields().hasCcp());
+    EXPECT_FALSE(fields().byteSwap());
+    EXPECT_EQ(600u, fields().heartbeatPeriod());
+    EXPECT_EQ(0x11u, fields().gvcpCapability());
 }
 
 TEST_F(Control, LinkForExclusiveAccess)
@@ -55,7 +55,7 @@ TEST_F(Control, LinkWithASwitchoverKeySendsItLowByteFirst)
     for (const std::uint32_t mode : {0x11234u, 0x21234u, 0x31234u, 0xFFF51234u}) {
         make();
         control->Link(mode);
-        const Bytes sent = control->fake().sent().at(0);
+        const Bytes sent = fake().sent().at(0);
         EXPECT_EQ((Bytes{0x34, 0x12, 0x00, 0x06}), Bytes(sent.begin() + 12, sent.end()));
         EXPECT_TRUE(control->IsLinked());
     }
@@ -70,7 +70,7 @@ TEST_F(Control, LinkWithoutAModeWritesNothingAndStartsNoThread)
         EXPECT_THAT(commands(), ElementsAre("R 0004"));
         EXPECT_THAT(controlLines(), ElementsAre(className + "Link " + addressOf(*control)));
         EXPECT_FALSE(control->IsLinked());
-        EXPECT_FALSE(control->byteSwap);
+        EXPECT_FALSE(fields().byteSwap());
     }
 }
 
@@ -87,8 +87,8 @@ TEST_F(Control, LinkRefusedLosesTheCodeAndKeepsTheText)
     }
     EXPECT_THAT(commands(), ElementsAre("W 0a00 00000002", "W 0a00 00000002", "W 0a00 00000002"));
     EXPECT_EQ("err GEVCTRL.# Privilege request WriteReg failed: Unable to send GVCP WriteReg", controlLines().back());
-    EXPECT_FALSE(control->hasCcp);
-    EXPECT_TRUE(control->byteSwap);
+    EXPECT_FALSE(fields().hasCcp());
+    EXPECT_TRUE(fields().byteSwap());
     EXPECT_TRUE(control->IsLinked()) << "what was to be written stays";
 
     // So the destructor gives back what it may hold.
@@ -106,9 +106,9 @@ TEST_F(Control, LinkWithoutAHeartbeatTimeoutStandsWithThePreviousPeriod)
     device.setFault(silenceOn(timeoutRegister));
     control->Link(3);
     EXPECT_TRUE(control->IsLinked());
-    EXPECT_EQ(3000u, control->heartbeatPeriod);
-    EXPECT_EQ(0u, control->gvcpCapability);
-    EXPECT_FALSE(control->byteSwap) << "the rest of the link is made";
+    EXPECT_EQ(3000u, fields().heartbeatPeriod());
+    EXPECT_EQ(0u, fields().gvcpCapability());
+    EXPECT_FALSE(fields().byteSwap()) << "the rest of the link is made";
     EXPECT_THAT(controlLines(),
                 Contains("warn GEVCTRL.# Unable to establish link with camera: ReadReg returned error"));
 }
@@ -117,7 +117,7 @@ TEST_F(Control, LinkWithoutACapabilityKeepsThePeriodItRead)
 {
     device.setFault(silenceOn(capabilityRegister));
     control->Link(3);
-    EXPECT_EQ(600u, control->heartbeatPeriod);
+    EXPECT_EQ(600u, fields().heartbeatPeriod());
     EXPECT_THAT(controlLines(),
                 Contains("warn GEVCTRL.# Unable to establish link with camera: ReadReg returned error"));
 }
@@ -126,14 +126,14 @@ TEST_F(Control, LinkWithoutADeviceModeKeepsTheByteSwap)
 {
     device.setFault(silenceOn(modeRegister));
     control->Link(3);
-    EXPECT_TRUE(control->byteSwap);
+    EXPECT_TRUE(fields().byteSwap());
     EXPECT_EQ("err GEVCTRL.# Error reading device endianess: ReadReg returned error", controlLines().back());
 }
 
 TEST_F(Control, LinkTwiceWritesAgainAndKeepsTheThread)
 {
     control->Link(3);
-    control->fake().forget();
+    fake().forget();
     log.clear();
     control->Link(4);
     EXPECT_THAT(commands(), ElementsAre("W 0a00 00000001", "W 0a00 00000001", "R 0938", "R 0934", "R 0004"));
@@ -144,16 +144,16 @@ TEST_F(Control, LinkDividesByTheRetriesAndTwo)
 {
     control->SetRetries(8);
     control->Link(3);
-    EXPECT_EQ(300u, control->heartbeatPeriod);
+    EXPECT_EQ(300u, fields().heartbeatPeriod());
 }
 
 TEST_F(Control, NoNumberOfRetriesDividesByZero)
 {
     control->SetRetries(0xFFFFFFFE);
     control->Link(3);
-    EXPECT_EQ(3000u, control->heartbeatPeriod);
+    EXPECT_EQ(3000u, fields().heartbeatPeriod());
     control->SetHeartbeatTimeout(4000, 0);
-    EXPECT_EQ(4000u, control->heartbeatPeriod);
+    EXPECT_EQ(4000u, fields().heartbeatPeriod());
 }
 
 // --- Unlink
@@ -161,19 +161,19 @@ TEST_F(Control, NoNumberOfRetriesDividesByZero)
 TEST_F(Control, UnlinkEndsTheThreadAndWritesZero)
 {
     control->Link(3);
-    control->fake().forget();
+    fake().forget();
     log.clear();
     control->Unlink();
     EXPECT_THAT(commands(), ElementsAre("W 0a00 00000000"));
     EXPECT_THAT(controlLines(), ElementsAre(className + "Unlink " + addressOf(*control), exitLine));
     EXPECT_FALSE(control->IsLinked());
-    EXPECT_TRUE(control->hasCcp) << "not its business";
+    EXPECT_TRUE(fields().hasCcp()) << "not its business";
 }
 
 TEST_F(Control, UnlinkOfAMonitorWritesNothing)
 {
     control->Link(0);
-    control->fake().forget();
+    fake().forget();
     log.clear();
     control->Unlink();
     EXPECT_THAT(commands(), IsEmpty());
@@ -185,7 +185,7 @@ TEST_F(Control, UnlinkWhileTheDeviceIsGoneSpendsAllResendsAndReturns)
 {
     control->Link(3);
     device.setFault(silenceOn(ccpRegister));
-    control->fake().forget();
+    fake().forget();
     control->Unlink();
     EXPECT_THAT(commands(), ElementsAre("W 0a00 00000000", "W 0a00 00000000", "W 0a00 00000000"));
     EXPECT_EQ("err GEVCTRL.# Unable to unlink with camera", controlLines().back());
@@ -195,7 +195,7 @@ TEST_F(Control, UnlinkWhileTheDeviceIsGoneSpendsAllResendsAndReturns)
 TEST_F(Control, DisconnectIsUnlink)
 {
     control->Link(3);
-    control->fake().forget();
+    fake().forget();
     control->Disconnect();
     EXPECT_THAT(commands(), ElementsAre("W 0a00 00000000"));
 }
@@ -214,7 +214,7 @@ TEST_F(Control, LinkAgainAfterUnlinkHasAHeartbeatAgain)
 TEST_F(Control, DestructionOfALinkUnlinks)
 {
     control->Link(3);
-    control->fake().forget();
+    fake().forget();
     const std::string address = addressOf(*control);
     const std::shared_ptr<FakeConnection> connection = control->GetConnection();
     log.clear();
@@ -313,14 +313,14 @@ TEST_F(Control, TheNewTimeoutAndRetriesAreUsed)
     device.setFault(silenceOn(0x10));
     std::uint32_t value = 0;
     EXPECT_THROW(control->ReadReg(0x10, value, true, PendingAckCallback()), GevException);
-    EXPECT_THAT(control->fake().timeouts(), ElementsAre(1234, 1234));
+    EXPECT_THAT(fake().timeouts(), ElementsAre(1234, 1234));
 }
 
 TEST_F(Control, HeartbeatBelowTheMinimumWritesTheMinimum)
 {
     control->SetHeartbeatTimeout(1000, 77);
     EXPECT_EQ("W 0938 000005dc", commands().at(0));
-    EXPECT_EQ(300u, control->heartbeatPeriod);
+    EXPECT_EQ(300u, fields().heartbeatPeriod());
     EXPECT_EQ("info GEVCTRL.# Set default hb timeout, Set heartbeat timeout to 1500 and Margin to 1200",
               controlLines().at(0));
     EXPECT_EQ(createLine, controlLines().at(1));
@@ -330,7 +330,7 @@ TEST_F(Control, HeartbeatOfTheMinimumIsOrdinary)
 {
     control->SetHeartbeatTimeout(1500, 0);
     EXPECT_EQ("W 0938 000005dc", commands().at(0));
-    EXPECT_EQ(300u, control->heartbeatPeriod);
+    EXPECT_EQ(300u, fields().heartbeatPeriod());
     EXPECT_EQ("info GEVCTRL.# Set heartbeat timeout to 1500 and Margin to 1200", controlLines().at(0));
 }
 
@@ -338,7 +338,7 @@ TEST_F(Control, HeartbeatAboveTheMinimum)
 {
     control->SetHeartbeatTimeout(10000, 0);
     EXPECT_EQ("W 0938 00002710", commands().at(0));
-    EXPECT_EQ(2000u, control->heartbeatPeriod);
+    EXPECT_EQ(2000u, fields().heartbeatPeriod());
     EXPECT_EQ("info GEVCTRL.# Set heartbeat timeout to 10000 and Margin to 8000", controlLines().at(0));
 }
 
@@ -354,24 +354,24 @@ TEST_F(Control, HeartbeatThatCannotBeWrittenLeavesThePeriodAndStartsNoThread)
 {
     device.setFault(silenceOn(timeoutRegister));
     control->SetHeartbeatTimeout(10000, 0);
-    EXPECT_EQ(2000u, control->heartbeatPeriod);
+    EXPECT_EQ(2000u, fields().heartbeatPeriod());
     EXPECT_THAT(controlLines(), ElementsAre("info GEVCTRL.# Set HBTimeout failed: Unable to send GVCP WriteReg"));
 }
 
 TEST_F(Control, HeartbeatOfZeroWritesZeroWhenTheThreadHasEnded)
 {
     control->Link(3);
-    control->fake().forget();
+    fake().forget();
     log.clear();
     control->SetHeartbeatTimeout(0, 5);
     EXPECT_THAT(commands(), ElementsAre("W 0938 00000000"));
-    EXPECT_EQ(0u, control->heartbeatPeriod);
+    EXPECT_EQ(0u, fields().heartbeatPeriod());
     EXPECT_THAT(controlLines(), ElementsAre("warn GEVCTRL.# Heartbeat thread interrupt exception", exitLine,
                                             "info GEVCTRL.# Disable hb timeout, set heartbeat timeout to 0, Margin to "
                                             "0, terminating Heartbeat thread"));
-    EXPECT_EQ(1u, control->runFlag) << "left as it was";
+    EXPECT_EQ(1u, fields().runFlag()) << "left as it was";
     EXPECT_TRUE(control->IsLinked());
-    EXPECT_TRUE(control->hasCcp);
+    EXPECT_TRUE(fields().hasCcp());
 }
 
 TEST_F(Control, HeartbeatOfZeroWithoutAThread)
