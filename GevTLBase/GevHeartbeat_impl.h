@@ -25,10 +25,14 @@ inline constexpr boost::chrono::milliseconds lockDeadline{10};
 /// the first interruption for its own.
 inline constexpr boost::chrono::milliseconds interruptAgain{100};
 
-/// A delay as a duration; what the clock can't count is cut to about a year.
-inline boost::chrono::milliseconds asDuration(std::uint64_t delayMs)
+/// A delay as a duration. What the clock can't count is cut to about a year. A delay of 0 is the shortest sleep there
+/// is: without one this thread, with its priority, would leave neither `commandMutex` nor the processor to any client.
+inline boost::chrono::microseconds asDuration(std::uint64_t delayMs)
 {
     constexpr std::uint64_t longest = 365ull * 24 * 3600 * 1000;
+    constexpr boost::chrono::microseconds shortest{100};
+    if (delayMs == 0)
+        return shortest;
     return boost::chrono::milliseconds(static_cast<std::int64_t>(std::min(delayMs, longest)));
 }
 
