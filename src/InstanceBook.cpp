@@ -1,0 +1,129 @@
+// Bookkeeping of device instances. `bookMutex` guards both containers and is held neither across a deletion nor across
+// logging.
+#include "src/InstanceBook.h"
+
+#include "logging/log.h"
+#include "src/DevInst.h"
+
+#include <algorithm>
+#include <deque>
+#include <list>
+#include <mutex>
+#include <ostream>
+
+namespace zuGevDaemon {
+
+using zuLogging::log_debug;
+using zuLogging::log_info;
+
+namespace {
+
+/// An instance and whether its destructor may be running, in which case nothing may be asked of it.
+struct Listed {
+    CDevInst* instance;
+    bool dying = false;
+};
+
+std::mutex bookMutex;
+std::list<Listed> InstanceList;
+std::deque<CDevInst*> GarbageQueue;
+
+zuLogging::logstate Log() { return zuLogging::get_logstate("Svc"); }
+
+std::size_t GarbageSize()
+{
+    const std::lock_guard lock(bookMutex);
+    return GarbageQueue.size();
+}
+
+/// The front of the queue, retired; null if it is empty, or if a call is inside each of the `candidates` at its front.
+CDevInst* RetireFront(std::size_t& candidates)
+{
+    const std::lock_guard lock(bookMutex);
+    for (; candidates > 0 && !GarbageQueue.empty(); --candidates) {
+        CDevInst* const front = GarbageQueue.front();
+        if (front == nullptr || front->TryRetire())
+            return front;
+        GarbageQueue.pop_front();
+        GarbageQueue.push_back(front);
+    }
+    return nullptr;
+}
+
+void RemoveFront(CDevInst* front)
+{
+    const std::lock_guard lock(bookMutex);
+    GarbageQueue.pop_front();
+    for (Listed& entry : InstanceList)
+        if (entry.instance == front)
+            entry.dying = true;
+}
+
+/// One collector at a time, so that the front that was looked at is the one that is removed.
+std::mutex collectMutex;
+
+} // namespace
+
+void OnClientConnect(std::shared_ptr<zuIPCPipe::IMsgSrc> client)
+{
+    auto* const instance = new CDevInst(std::move(client), &AddToGarbage, &RemoveInstance);
+    {
+        const std::lock_guard lock(bookMutex);
+        InstanceList.push_back({instance});
+    }
+    CollectGarbage();
+}
+
+void AddToGarbage(CDevInst* instance)
+{
+    ZU_LOG(Log(), log_debug, "Garbage queue size " << GarbageSize());
+    const std::lock_guard lock(bookMutex);
+    GarbageQueue.push_back(instance);
+}
+
+void RemoveInstance(CDevInst* instance)
+{
+    ZU_LOG(Log(), log_debug, "Instance queue size " << GarbageSize());
+    const std::lock_guard lock(bookMutex);
+    const auto found = std::find_if(InstanceList.begin(), InstanceList.end(),
+                                    [instance](const Listed& entry) { return entry.instance == instance; });
+    if (found != InstanceList.end())
+        InstanceList.erase(found);
+}
+
+void CollectGarbage()
+{
+    std::size_t candidates = GarbageSize();
+    while (candidates > 0) {
+        CDevInst* front = nullptr;
+        {
+            const std::lock_guard collecting(collectMutex);
+            front = RetireFront(candidates);
+            if (front == nullptr)
+                return;
+            ZU_LOG(Log(), log_info, "Deleting " << static_cast<const void*>(front));
+            RemoveFront(front);
+        }
+        --candidates;
+        delete front;
+    }
+}
+
+std::size_t InstanceCount()
+{
+    const std::lock_guard lock(bookMutex);
+    return InstanceList.size();
+}
+
+void PrintStatus(std::ostream& out)
+{
+    out << ".... Status:\n";
+    const std::lock_guard lock(bookMutex);
+    out << "Instances: " << InstanceList.size() << "\n";
+    for (const Listed& entry : InstanceList)
+        if (!entry.dying)
+            out << "ID: " << entry.instance->GetId();
+    out << "\n" << std::flush;
+}
+
+} // namespace zuGevDaemon
