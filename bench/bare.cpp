@@ -68,7 +68,7 @@ struct Header {
 void runCamera(Udp& socket)
 {
     socket.receiveWithin(0);
-    std::map<std::uint32_t, std::uint32_t> registers{{0x0938, htonl(3000)}};
+    std::map<std::uint32_t, std::uint32_t> registers{{htonl(0x0938), htonl(3000)}};
     unsigned char buffer[1024];
     for (;;) {
         sockaddr_in from{};

@@ -82,15 +82,14 @@ TEST(Modes, UsageText)
     std::ostringstream out;
     out << MakeOptions();
     EXPECT_EQ(out.str(), "Generic options:\n"
-                         "  -s [ --svc ]                          Run as service\n"
-                         "  -h [ --help ]                         Print usage\n"
-                         "  -i [ --install ]                      Install service\n"
-                         "  -d [ --delete ]                       Delete service\n"
-                         "  -t [ --start ]                        Start service\n"
-                         "  -o [ --stop ]                         Stop service\n"
-                         "  --log arg                             Log activity ( only in combination with \n"
-                         "                                        --execute)\n"
-                         "  -x [ --execute ]                      Execute as application\n");
+                         "  -s [ --svc ]          Run as service\n"
+                         "  -h [ --help ]         Print usage\n"
+                         "  -i [ --install ]      Install service\n"
+                         "  -d [ --delete ]       Delete service\n"
+                         "  -t [ --start ]        Start service\n"
+                         "  -o [ --stop ]         Stop service\n"
+                         "  --log arg             Log activity ( only in combination with --execute)\n"
+                         "  -x [ --execute ]      Execute as application\n");
 }
 
 TEST(Modes, Banner)
