@@ -1,0 +1,64 @@
+// What gevctl does, once it knows what was asked for.
+#pragma once
+
+#include "tools/gevctl/bootstrap.h"
+#include "tools/gevctl/options.h"
+
+#include <atomic>
+#include <istream>
+#include <ostream>
+#include <stdexcept>
+
+namespace gevctl {
+
+/// The world around a command; tests put their own in its place.
+struct Surroundings {
+    std::istream& in;
+    std::ostream& out;
+    std::ostream& err;
+    bool outputIsTerminal = false;
+    bool errorIsTerminal = false;
+    const std::atomic<bool>& stop; ///< set when the command is to end early
+};
+
+/// Ended early, on request.
+class Interrupted : public std::runtime_error {
+public:
+    Interrupted() : std::runtime_error("Interrupted") {}
+};
+
+/// Runs the command and prints its outcome; gives the exit code. Throws nothing.
+int run(const Options& options, const Surroundings& around);
+
+// The commands. They throw on failure.
+void runDiscover(const Options& options, const Surroundings& around);
+void runInfo(const Options& options, const Surroundings& around);
+void runReadRegisters(const Options& options, const Surroundings& around);
+void runWriteRegisters(const Options& options, const Surroundings& around);
+void runReadMemory(const Options& options, const Surroundings& around);
+void runWriteMemory(const Options& options, const Surroundings& around);
+void runXml(const Options& options, const Surroundings& around);
+void runWatch(const Options& options, const Surroundings& around);
+void runTimeouts(const Options& options, const Surroundings& around);
+void runStatus(const Options& options, const Surroundings& around);
+void runCheck(const Options& options, const Surroundings& around);
+
+/// A connection to the camera of the options, tuned, and linked if they say so.
+zuGevClient::Connection connect(const Options& options);
+
+/// Memory in pieces, with a progress bar where a person watches. Throws Interrupted.
+std::vector<std::uint8_t> fetch(zuGevClient::Connection& connection, std::uint32_t address, std::size_t size,
+                                const std::string& label, const Options& options, const Surroundings& around);
+
+/// To the file, or to standard output for "-" and "". Throws std::runtime_error.
+void store(const std::string& file, const std::vector<std::uint8_t>& bytes, const Surroundings& around);
+
+void print(const Surroundings& around, const Json& json);
+
+/// "name:    value" for each member.
+void printTable(const Surroundings& around, const Json& object);
+
+/// What register CCP says, in words.
+std::string privilegeText(std::uint32_t privilege);
+
+} // namespace gevctl

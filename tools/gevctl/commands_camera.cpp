@@ -1,0 +1,230 @@
+// Commands about a camera as a whole: discovery, identity, state, timeouts, events.
+#include "tools/gevctl/commands.h"
+#include "tools/gevctl/discovery.h"
+#include "tools/gevctl/numbers.h"
+
+#include "platform/thread.h"
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <ctime>
+#include <deque>
+#include <mutex>
+
+namespace gevctl {
+
+using zuGevClient::Connection;
+using zuGevClient::Event;
+
+namespace {
+
+// Registers of the standard's bootstrap map.
+constexpr std::uint32_t messageChannelsRegister = 0x0900;
+constexpr std::uint32_t streamChannelsRegister = 0x0904;
+constexpr std::uint32_t gvcpCapabilityRegister = 0x0934;
+constexpr std::uint32_t heartbeatTimeoutRegister = 0x0938;
+constexpr std::uint32_t privilegeRegister = 0x0A00;
+constexpr std::uint32_t applicationPortRegister = 0x0A14;
+constexpr std::uint32_t applicationIpRegister = 0x0A18;
+
+constexpr std::uint64_t pingEveryMs = 2000;
+constexpr std::uint32_t watchStepMs = 100;
+
+std::uint64_t milliseconds() { return zuPlatform::steadyNanoseconds() / 1000000; }
+
+/// UTC, to the millisecond.
+std::string timeStamp()
+{
+    const auto now = std::chrono::system_clock::now();
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+    const auto sinceEpoch = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch());
+    std::array<char, 40> text{};
+    const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", std::gmtime(&seconds));
+    std::snprintf(text.data() + length, text.size() - length, ".%03dZ", static_cast<int>(sinceEpoch.count() % 1000));
+    return text.data();
+}
+
+/// A register that not every camera has.
+void addOptional(Json& json, const char* name, Connection& connection, std::uint32_t address, bool hexadecimal)
+{
+    try {
+        const std::uint32_t value = connection.readRegister(address);
+        if (hexadecimal)
+            json[name] = hex32(value);
+        else
+            json[name] = value;
+    } catch (const zuGevClient::CameraError& error) {
+        if (error.status() == zuGevClient::Status::timeout)
+            throw;
+    }
+}
+
+} // namespace
+
+void runDiscover(const Options& options, const Surroundings& around)
+{
+    const auto found = discover({options.interfaces, options.unicastTargets, options.waitMs}, around.stop);
+    if (options.json) {
+        Json cameras = Json::array();
+        for (const Found& camera : found) {
+            Json entry{{"address", zuGevClient::toString(camera.from)}, {"interface", camera.interface}};
+            entry.update(toJson(camera.bootstrap));
+            cameras.push_back(std::move(entry));
+        }
+        print(around, Json{{"cameras", std::move(cameras)}});
+        return;
+    }
+    for (const Found& camera : found) {
+        const Bootstrap& b = camera.bootstrap;
+        around.out << zuGevClient::toString(zuGevClient::Endpoint{camera.from.address, 0}) << "  " << b.mac << "  "
+                   << b.manufacturer << "  " << b.model << "  " << b.serial;
+        if (!b.userName.empty())
+            around.out << "  \"" << b.userName << '"';
+        if (!camera.interface.empty())
+            around.out << "  (" << camera.interface << ')';
+        around.out << '\n';
+    }
+    if (found.empty() && !options.quiet)
+        around.err << "No camera has answered." << std::endl;
+}
+
+void runInfo(const Options& options, const Surroundings& around)
+{
+    Connection connection = connect(options);
+    const auto bytes = readBootstrap(connection);
+    Json info = toJson(decodeBootstrap(bytes.data(), bytes.size()).value());
+    addOptional(info, "messageChannels", connection, messageChannelsRegister, false);
+    addOptional(info, "streamChannels", connection, streamChannelsRegister, false);
+    addOptional(info, "gvcpCapability", connection, gvcpCapabilityRegister, true);
+    addOptional(info, "heartbeatTimeoutMs", connection, heartbeatTimeoutRegister, false);
+    const std::uint32_t privilege = connection.readRegister(privilegeRegister);
+    info["privilege"] = hex32(privilege);
+    info["access"] = privilegeText(privilege);
+    if (options.json)
+        print(around, info);
+    else
+        printTable(around, info);
+}
+
+void runTimeouts(const Options& options, const Surroundings& around)
+{
+    Connection connection = connect(options);
+    if (options.heartbeatMs)
+        connection.setHeartbeat(zuGevClient::Milliseconds(*options.heartbeatMs));
+    const zuGevClient::Heartbeat heartbeat = connection.heartbeat();
+    const Json result{{"ackTimeoutMs", connection.ackTimeout().count()},
+                      {"retries", connection.retries()},
+                      {"heartbeatTimeoutMs", heartbeat.timeout.count()},
+                      {"heartbeatMarginMs", heartbeat.margin.count()}};
+    if (options.json)
+        print(around, result);
+    else
+        printTable(around, result);
+}
+
+void runStatus(const Options& options, const Surroundings& around)
+{
+    if (!zuGevClient::Daemon::isRunning())
+        throw zuGevClient::NoDaemonError("No daemon is running on this machine");
+    Json result{{"daemon", "running"}, {"port", zuGevClient::Daemon::port()}};
+    if (options.camera) {
+        Connection connection = connect(options);
+        const std::uint32_t privilege = connection.readRegister(privilegeRegister);
+        result["camera"] = zuGevClient::toString(*options.camera);
+        result["privilege"] = hex32(privilege);
+        result["access"] = privilegeText(privilege);
+        if (privilege != 0) {
+            try {
+                const zuGevClient::Endpoint holder{
+                    connection.readRegister(applicationIpRegister),
+                    static_cast<std::uint16_t>(connection.readRegister(applicationPortRegister))};
+                if (holder.address != 0)
+                    result["heldBy"] = zuGevClient::toString(holder);
+            } catch (const zuGevClient::CameraError&) {
+                // Cameras need not tell.
+            }
+        }
+    }
+    if (options.json)
+        print(around, result);
+    else
+        printTable(around, result);
+}
+
+void runCheck(const Options& options, const Surroundings& around)
+{
+    Options unlinked = options;
+    unlinked.access.reset();
+    Connection connection = connect(unlinked);
+    const bool confirmed = connection.link(options.access.value());
+    const bool holds = connection.checkLink();
+    const std::uint32_t privilege = connection.readRegister(privilegeRegister);
+    const Json result{{"camera", zuGevClient::toString(options.camera.value())},
+                      {"local", zuGevClient::toString(connection.localAddress())},
+                      {"confirmed", confirmed},
+                      {"holds", holds},
+                      {"privilege", hex32(privilege)}};
+    connection.unlink();
+    if (options.json)
+        print(around, result);
+    else
+        printTable(around, result);
+    if (!holds)
+        throw zuGevClient::CameraError("The camera's privilege register does not hold what the link wrote",
+                                       zuGevClient::Status::generalFailure);
+}
+
+void runWatch(const Options& options, const Surroundings& around)
+{
+    // Outlives the connection, whose thread fills it.
+    std::mutex mutex;
+    std::condition_variable arrived;
+    std::deque<std::pair<std::string, Event>> events;
+
+    Options unlinked = options;
+    unlinked.access.reset();
+    Connection connection = connect(unlinked);
+    connection.setEventHandler([&](Event event) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        events.emplace_back(timeStamp(), event);
+        arrived.notify_one();
+    });
+    const auto tell = [&](const std::string& time, const std::string& what) {
+        if (options.json)
+            around.out << Json{{"time", time}, {"event", what}}.dump() << std::endl;
+        else
+            around.out << time << "  " << what << std::endl;
+    };
+    connection.link(options.access.value());
+    if (options.heartbeatMs)
+        connection.setHeartbeat(zuGevClient::Milliseconds(*options.heartbeatMs));
+    tell(timeStamp(), "linked");
+
+    const std::uint64_t start = milliseconds();
+    std::uint64_t lastPing = start;
+    const auto over = [&] {
+        return around.stop || (options.durationMs && milliseconds() - start >= *options.durationMs);
+    };
+    while (!over()) {
+        std::deque<std::pair<std::string, Event>> batch;
+        {
+            std::unique_lock<std::mutex> lock(mutex);
+            arrived.wait_for(lock, std::chrono::milliseconds(watchStepMs), [&] { return !events.empty(); });
+            batch.swap(events);
+        }
+        for (const auto& [time, event] : batch)
+            tell(time, zuGevClient::toString(event));
+        if (milliseconds() - lastPing >= pingEveryMs) {
+            connection.ping(); // the daemon's end would otherwise go unnoticed
+            lastPing = milliseconds();
+        }
+    }
+    connection.unlink();
+    connection.close();
+    for (const auto& [time, event] : events)
+        tell(time, zuGevClient::toString(event));
+    tell(timeStamp(), "unlinked");
+}
+
+} // namespace gevctl
