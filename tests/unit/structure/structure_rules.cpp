@@ -37,7 +37,7 @@ const std::regex systemHeader("(sys|net|netinet|arpa|linux|asm|bits|systemd)/.*"
                               "|([Ww]indows|[Ww]in[Ss]ock2?|[Ww][Ss]2tcpip|iphlpapi|psapi|conio|io|process|direct"
                               "|tlhelp32|winsvc|wincon|sddl|aclapi)\\.h");
 
-const std::regex systemName("\\b(_?WIN32|_WIN64|_MSC_VER|__MINGW32__|__CYGWIN__|__linux__|__linux|linux|__unix__"
+const std::regex systemName("\\b(_?WIN32|_WIN64|__MINGW32__|__CYGWIN__|__linux__|__linux|linux|__unix__"
                             "|__unix|__APPLE__|__FreeBSD__|_GNU_SOURCE|_POSIX_C_SOURCE)\\b");
 
 const std::regex includeLine("^\\s*#\\s*include(_next)?\\s*([\"<])([^\">]+)[\">].*");
