@@ -1,0 +1,46 @@
+// The daemon as a real process, for the length of a test. It uses the machine's one name, so a test that holds one runs
+// alone, and none can run while another daemon does.
+#pragma once
+
+#include "tests/support/child_process.h"
+
+#include <csignal>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace zuTest {
+
+class DaemonUnderTest {
+public:
+    DaemonUnderTest() : process({builtProgram("zuGevSvc"), "--execute"})
+    {
+        if (!process.waitForOutput("BuildDate"))
+            throw std::runtime_error("the daemon did not start: " + process.output());
+        // Keys are read once the pipe is up, so an answer means that clients are welcome.
+        process.write("s");
+        if (!process.waitForOutput("Instances: 0"))
+            throw std::runtime_error("is another daemon running on this machine? This one said: " + process.output());
+    }
+
+    /// Asks for the status report and gives the number of instances in it.
+    std::size_t instances()
+    {
+        const std::size_t before = process.output().size();
+        process.write("s");
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        const std::string words = "Instances: ";
+        while (std::chrono::steady_clock::now() < deadline) {
+            const std::string output = process.output();
+            const auto at = output.find(words, before);
+            if (at != std::string::npos && output.find("\n", at) != std::string::npos)
+                return std::stoul(output.substr(at + words.size()));
+            process.waitForOutput("never printed", std::chrono::milliseconds(20));
+        }
+        throw std::runtime_error("no status report");
+    }
+
+    ChildProcess process;
+};
+
+} // namespace zuTest
