@@ -16,7 +16,7 @@ namespace {
 
 struct Watched {
     int number;
-    bool fault; ///< watched also when it has a handler already, which is called afterwards
+    bool always; ///< watched also when it has a handler already, which is called afterwards
     bool installed = false;
     struct sigaction previous {};
 };
@@ -33,7 +33,8 @@ void onEnd(int number, siginfo_t* info, void*)
         if (entry.number == number)
             ::sigaction(number, &entry.previous, nullptr);
     // A fault comes again when this returns; anything else is sent again, and arrives when this returns.
-    if (!info || info->si_code <= 0 || number == SIGABRT)
+    const bool fault = number == SIGSEGV || number == SIGBUS || number == SIGFPE || number == SIGILL;
+    if (!fault || info->si_code <= 0)
         ::raise(number);
 }
 
@@ -47,7 +48,7 @@ void watchSignals()
         if (::sigaction(entry.number, nullptr, &entry.previous) != 0)
             continue;
         const bool isDefault = !(entry.previous.sa_flags & SA_SIGINFO) && entry.previous.sa_handler == SIG_DFL;
-        if (entry.fault || isDefault)
+        if (entry.always || isDefault)
             entry.installed = ::sigaction(entry.number, &action, nullptr) == 0;
     }
 }

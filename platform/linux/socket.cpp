@@ -26,23 +26,11 @@ namespace {
 constexpr std::int64_t nsPerSecond = 1000000000;
 constexpr std::int64_t nsPerMs = 1000000;
 
-std::int64_t readClock(clockid_t clock)
+std::int64_t steadyNow()
 {
     timespec now{};
-    ::clock_gettime(clock, &now);
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * nsPerSecond + now.tv_nsec;
-}
-
-/// The step of the coarse clock, which costs next to nothing to read and lags by at most this.
-std::int64_t coarseStep()
-{
-    static const std::int64_t step = [] {
-        timespec resolution{};
-        if (::clock_getres(CLOCK_MONOTONIC_COARSE, &resolution) != 0)
-            return 10 * nsPerMs;
-        return resolution.tv_sec * nsPerSecond + resolution.tv_nsec;
-    }();
-    return step;
 }
 
 sockaddr_in toSystem(const SocketAddress& address)
@@ -226,8 +214,7 @@ ReceiveResult DatagramSocket::receive(void* buffer, std::size_t size, std::uint3
         return again ? ReceiveResult{} : result;
     }
 
-    // The coarse clock lags, so its step is added: a wait may end late, never early.
-    const std::int64_t deadline = readClock(CLOCK_MONOTONIC_COARSE) + coarseStep() + timeoutMs * nsPerMs;
+    const std::int64_t deadline = steadyNow() + timeoutMs * nsPerMs;
     if (state.receiveTimeoutMs.load(std::memory_order_relaxed) != timeoutMs) {
         timeval wait{};
         wait.tv_sec = timeoutMs / 1000;
@@ -238,11 +225,11 @@ ReceiveResult DatagramSocket::receive(void* buffer, std::size_t size, std::uint3
     }
     ReceiveResult result = readOne(state.fd, buffer, size, 0, from, again);
 
-    // A signal or an early end: wait for the rest of the time.
+    // A signal, or a tick of the system that lags behind the clock: wait for the rest of the time.
     while (again) {
         if (state.isClosed())
             return failure(ReceiveResult::Kind::waitFailed, EBADF);
-        const std::int64_t rest = deadline - readClock(CLOCK_MONOTONIC);
+        const std::int64_t rest = deadline - steadyNow();
         if (rest <= 0 && again == EAGAIN)
             return {};
         timespec wait{};
