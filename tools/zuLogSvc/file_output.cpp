@@ -30,7 +30,8 @@ bool endsInMidLine(const std::string& path)
 
 } // namespace
 
-FileOutput::FileOutput(const OutputSettings& settings, const Clock& clock) : settings_(settings), clock_(clock)
+FileOutput::FileOutput(const OutputSettings& settings, const Clock& clock, Write writeBytes)
+    : settings_(settings), clock_(clock), write_(writeBytes)
 {
     settings_.line.colour = false;
     open();
@@ -99,7 +100,7 @@ void FileOutput::flush()
             return;
     }
     errno = 0;
-    const std::size_t written = std::fwrite(waiting_.data(), 1, waiting_.size(), file_);
+    const std::size_t written = write_(waiting_.data(), 1, waiting_.size(), file_);
     if (written == waiting_.size()) {
         waiting_.clear();
         lastTrouble_.clear();

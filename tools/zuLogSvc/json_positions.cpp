@@ -43,20 +43,6 @@ private:
     const char** furthest_;
 };
 
-std::string escapePointer(const std::string& key)
-{
-    std::string out;
-    for (const char c : key) {
-        if (c == '~')
-            out += "~0";
-        else if (c == '/')
-            out += "~1";
-        else
-            out += c;
-    }
-    return out;
-}
-
 class Locator : public nlohmann::json_sax<nlohmann::json> {
 public:
     Locator(std::string_view text, const char* const& furthest, LineTable& lines, std::vector<TextError>& errors)
@@ -168,6 +154,20 @@ private:
 };
 
 } // namespace
+
+std::string escapePointer(const std::string& key)
+{
+    std::string out;
+    for (const char c : key) {
+        if (c == '~')
+            out += "~0";
+        else if (c == '/')
+            out += "~1";
+        else
+            out += c;
+    }
+    return out;
+}
 
 void locateValues(std::string_view text, LineTable& lines, std::vector<TextError>& errors)
 {

@@ -20,6 +20,9 @@ struct TextError {
 /// Lines by JSON pointer.
 using LineTable = std::map<std::string, std::size_t>;
 
+/// A key as it stands in a JSON pointer.
+std::string escapePointer(const std::string& key);
+
 /// Reads `text` once; comments are allowed. Appends to `errors` what is no JSON, a key that comes twice, and nesting
 /// deeper than 32. `lines` gets each value, a member at the line of its key.
 void locateValues(std::string_view text, LineTable& lines, std::vector<TextError>& errors);

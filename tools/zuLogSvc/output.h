@@ -71,8 +71,11 @@ class FileOutput : public Output {
 public:
     static constexpr std::size_t waitingLimit = 8 * 1024 * 1024;
 
+    /// As `std::fwrite`; what it does not take is tried again.
+    using Write = std::size_t (*)(const void*, std::size_t, std::size_t, std::FILE*);
+
     /// Opens the file for appending, or throws OutputError. A line that an earlier run has left unfinished is ended.
-    FileOutput(const OutputSettings& settings, const Clock& clock);
+    FileOutput(const OutputSettings& settings, const Clock& clock, Write writeBytes = std::fwrite);
     ~FileOutput() override;
     void write(const LogMessage& message, std::uint64_t arrival) override;
     void flush() override;
@@ -90,6 +93,7 @@ private:
 
     OutputSettings settings_;
     const Clock& clock_;
+    const Write write_;
     std::FILE* file_ = nullptr;
     std::uint64_t size_ = 0;   // of the file, with what waits
     std::uint64_t period_ = 0; // of the file's lines

@@ -2,6 +2,7 @@
 #include "tools/zuLogSvc/settings.h"
 
 #include "tools/zuLogSvc/protocol.h"
+#include "tools/zuLogSvc/utf8.h"
 #include "tools/zuLogSvc/words.h"
 
 #include <nlohmann/json.hpp>
@@ -50,7 +51,7 @@ public:
                 std::string known;
                 for (const std::string_view word : keys)
                     known += (known.empty() ? "" : ", ") + std::string(word);
-                fail(key, "unknown key; known here: " + known);
+                fail(escapePointer(key), "unknown key; known here: " + known);
             }
     }
 
@@ -296,7 +297,7 @@ std::string describe(const std::string& file, const TextError& error)
     if (!error.pointer.empty())
         out << error.pointer << ": ";
     out << error.reason;
-    return out.str();
+    return escapeControls(out.str()); // a key or value may hold anything
 }
 
 const Rule* findRule(const Settings& settings, std::string_view module, std::string_view process)
