@@ -8,6 +8,7 @@
 #include "tools/zuLogSvc/service.h"
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <thread>
@@ -26,7 +27,8 @@ std::atomic<bool> reloadRequested{false};
 void requestStop() { stopRequested = true; }
 void requestReload() { reloadRequested = true; }
 
-void tell(const std::string& text) { std::cerr << "zuLogSvc: " + text + "\n" << std::flush; }
+/// Not by std::cerr, which first flushes standard output, and that may be stuck.
+void tell(const std::string& text) { std::fputs(("zuLogSvc: " + text + "\n").c_str(), stderr); }
 
 /// False, with all errors told, if the file is not good.
 bool readSettings(const Options& options, Settings& settings, const std::function<void(const std::string&)>& say)
@@ -95,7 +97,14 @@ int serve(const Options& options)
     }
     if (service->stop(stopMs))
         return exitGood;
-    tell("an output takes no more; what waited for it is lost");
+    // Standard error may be just as stuck.
+    static std::atomic<bool> told{false};
+    std::thread([] {
+        tell("an output takes no more; what waited for it is lost");
+        told = true;
+    }).detach();
+    for (std::uint32_t waited = 0; !told && waited < 2000; waited += pollMs)
+        zuPlatform::sleepMs(pollMs);
     std::_Exit(exitFailure);
 }
 
