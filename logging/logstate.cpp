@@ -1,4 +1,5 @@
-// The logger tree and the group table. Locks: the tree mutex before a node's mutex; the group mutex alone.
+// The logger tree and the group table. Locks: the tree mutex before a node's mutex; the group mutex alone. Renaming the
+// root takes no node's mutex, so a leaf lock guards the root's name.
 #include "logging/logstate.h"
 
 #include <algorithm>
@@ -12,8 +13,10 @@
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
 #include <boost/algorithm/string/trim.hpp>
+#include <boost/thread/lock_guard.hpp>
 #include <boost/thread/lock_types.hpp>
 #include <boost/thread/locks.hpp>
+#include <boost/thread/mutex.hpp>
 #include <boost/thread/once.hpp>
 
 namespace zuLogging {
@@ -61,9 +64,18 @@ const node_ptr& fetch_root(const std::string& name)
     return root_slot();
 }
 
+boost::mutex& root_name_mutex()
+{
+    static auto* const mutex = new boost::mutex;
+    return *mutex;
+}
+
 std::string node_path(const node_ptr& node)
 {
     const shared_lock lock(node->mutex);
+    if (node->parent)
+        return node->path;
+    const boost::lock_guard<boost::mutex> name_lock(root_name_mutex());
     return node->path;
 }
 
@@ -180,6 +192,7 @@ void set_root_name(const std::string& name)
     prune(root);
     if (!root->children.empty())
         throw std::runtime_error("Root name can only be changed if no children are present");
+    const boost::lock_guard<boost::mutex> name_lock(root_name_mutex());
     root->path = trimmed;
 }
 

@@ -2,10 +2,12 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include <boost/thread/shared_mutex.hpp>
 
@@ -34,13 +36,17 @@ inline constexpr group_id all_groups{~std::uint64_t{0}};
 
 namespace detail {
 
+inline constexpr std::size_t cache_line = 64;
+
 /// One node of the tree. A node keeps its ancestors alive; a parent only knows its children.
 struct inner_logstate {
     std::shared_ptr<inner_logstate> parent;
-    std::string path;                     ///< full dotted path
-    std::atomic<std::uint32_t> levels{0}; ///< relaxed, so that a disabled message takes no lock
+    std::string path; ///< full dotted path; the root's, which can change, is under a lock of its own besides
+    /// Relaxed, so that a disabled message takes no lock, and on a cache line that nothing else writes to.
+    alignas(cache_line) std::atomic<std::uint32_t> levels{0};
     std::atomic<std::uint64_t> groups{~std::uint64_t{0}};
-    std::map<std::string, std::weak_ptr<inner_logstate>> children; ///< by path component; under the tree mutex
+    /// By path component; under the tree mutex.
+    alignas(cache_line) std::map<std::string, std::weak_ptr<inner_logstate>> children;
     mutable boost::shared_mutex mutex; ///< guards `path`, `levels` and `groups`; inside the tree mutex
 };
 

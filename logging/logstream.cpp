@@ -2,8 +2,7 @@
 #include "logging/logstream.h"
 
 #include "logging/logtarget.h"
-
-#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include "logging/timestamp.h"
 
 namespace zuLogging {
 
@@ -30,7 +29,7 @@ int basic_logbuf<char>::sync()
     const bool enabled = state.log.is_enabled(state.level, state.group);
     if (!text.empty()) {
         if (enabled) {
-            const basic_timed_msgstate stamped(state, boost::posix_time::microsec_clock::local_time());
+            const basic_timed_msgstate stamped(state, detail::local_now());
             dispatch(stamped, text.data(), text.data() + text.size());
         }
         str(std::string());

@@ -1,10 +1,14 @@
 // The process-wide list of targets. The list mutex comes before the mutex of a target.
 #include "logging/logtarget.h"
 
+#include "logging/formatter.h"
+
 #include <utility>
 #include <vector>
 
+#include <boost/thread/lock_guard.hpp>
 #include <boost/thread/lock_types.hpp>
+#include <boost/thread/mutex.hpp>
 #include <boost/thread/shared_mutex.hpp>
 
 namespace zuLogging {
@@ -21,9 +25,29 @@ struct entry {
     std::shared_ptr<basic_logtarget> target;
 };
 
-struct target_list {
-    std::vector<entry> entries;
-    boost::shared_mutex mutex;
+using entries = std::vector<entry>;
+
+/// A vector in use is never changed, only replaced, so that emptying the list needs no list mutex and is still sound
+/// if a thread is logging.
+class target_list {
+public:
+    std::shared_ptr<const entries> get() const
+    {
+        const boost::lock_guard<boost::mutex> lock(leaf_);
+        return entries_;
+    }
+
+    void set(std::shared_ptr<const entries> replacement)
+    {
+        const boost::lock_guard<boost::mutex> lock(leaf_);
+        entries_.swap(replacement);
+    }
+
+    boost::shared_mutex mutex; ///< the list mutex: shared in `dispatch`, exclusive for adding
+
+private:
+    mutable boost::mutex leaf_; ///< guards the pointer alone
+    std::shared_ptr<const entries> entries_;
 };
 
 target_list& targets()
@@ -38,7 +62,10 @@ void dispatch(const basic_msgstate& msg, const char* begin, const char* end)
 {
     target_list& list = targets();
     const boost::shared_lock<boost::shared_mutex> lock(list.mutex);
-    for (const entry& each : list.entries)
+    const std::shared_ptr<const entries> current = list.get();
+    if (!current)
+        return;
+    for (const entry& each : *current)
         if (each.filter->accept(msg))
             each.target->write(msg, begin, end);
 }
@@ -48,9 +75,17 @@ void add_plain_target(std::shared_ptr<basic_logtarget> target)
     entry added{std::make_shared<basic_logtargetfilter_all>(), std::move(target)};
     target_list& list = targets();
     const boost::unique_lock<boost::shared_mutex> lock(list.mutex);
-    list.entries.push_back(std::move(added));
+    const std::shared_ptr<const entries> current = list.get();
+    auto grown = current ? std::make_shared<entries>(*current) : std::make_shared<entries>();
+    grown->push_back(std::move(added));
+    list.set(std::move(grown));
 }
 
-void clear_targets() { targets().entries.clear(); }
+void add_formatted_target(std::shared_ptr<basic_logtarget> target)
+{
+    add_plain_target(std::make_shared<basic_dateformatter<0>>(std::move(target)));
+}
+
+void clear_targets() { targets().set(nullptr); }
 
 } // namespace zuLogging

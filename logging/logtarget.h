@@ -35,7 +35,8 @@ void add_formatted_target(std::shared_ptr<basic_logtarget> target);
 /// Appends `target` as it is.
 void add_plain_target(std::shared_ptr<basic_logtarget> target);
 
-/// Empties the list. For the end of the process, when no thread logs any more: takes no lock.
+/// Empties the list, for the end of the process. Takes no lock that a target is called under, so it never waits for
+/// one; a message that is on its way keeps the targets until it is through.
 void clear_targets();
 
 } // namespace zuLogging

@@ -36,6 +36,7 @@ struct LogRecorder::Target : basic_logtarget {
 LogRecorder::LogRecorder(std::uint32_t levels)
     : target_(std::make_shared<Target>()), previousLevels_(root_logstate("").set_levels(levels))
 {
+    clear_targets();
     add_plain_target(target_);
 }
 
