@@ -177,6 +177,12 @@ void Camera::setRecording(bool on)
     impl_->recorder.setRecording(on);
 }
 
+void Camera::setTrace(std::function<void(const std::string&)> trace)
+{
+    const Impl::Lock lock(impl_->mutex);
+    impl_->recorder.setTrace(std::move(trace));
+}
+
 std::vector<Datagram> Camera::log() const
 {
     const Impl::Lock lock(impl_->mutex);

@@ -75,6 +75,7 @@ public:
 
     // What has happened. The log needs Config::recording; counts don't.
     void setRecording(bool on);
+    void setTrace(std::function<void(const std::string&)> trace); ///< as Config::trace; empty: none
     std::vector<Datagram> log() const;
     void clearLog(); ///< and all counts
     Counters counters() const;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <optional>
 #include <stdexcept>
+#include <system_error>
 
 namespace gevsim {
 
@@ -44,7 +45,7 @@ SocketPtr openSocket(Endpoint& where, bool shared)
     if (socket && error == 0)
         error = socket->getLocalAddress(bound);
     if (!socket || error != 0)
-        throw std::runtime_error("can't listen on " + where.text() + ": system error " + std::to_string(error));
+        throw std::runtime_error("can't listen on " + where.text() + ": " + std::system_category().message(error));
     where = fromPlatform(bound);
     socket->setReceiveBuffer(receiveBuffer);
     return socket;

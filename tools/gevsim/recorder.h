@@ -33,6 +33,7 @@ public:
     bool tracing() const { return static_cast<bool>(trace_); }
 
     void setRecording(bool on) { recording_ = on; }
+    void setTrace(std::function<void(const std::string&)> trace) { trace_ = std::move(trace); }
     void clear();
     const std::deque<Datagram>& log() const { return log_; }
     Counters& counters() { return counters_; }
@@ -49,7 +50,7 @@ private:
 
     bool recording_;
     const std::size_t limit_;
-    const std::function<void(const std::string&)> trace_;
+    std::function<void(const std::string&)> trace_;
     std::deque<Datagram> log_;
     Counters counters_;
     std::array<std::uint64_t, slots> commands_{};

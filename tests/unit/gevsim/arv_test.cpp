@@ -1,0 +1,130 @@
+// An independent GigE Vision client, arv-tool-0.8, with the simulated camera.
+#include "tests/unit/gevsim/process.h"
+
+#include "tools/gevsim/camera.h"
+
+#include <gtest/gtest.h>
+
+using namespace gevsimTest;
+using gevsim::Camera;
+using gevsim::Command;
+using gevsim::Config;
+namespace reg = gevsim::reg;
+namespace region = gevsim::region;
+namespace feature = gevsim::feature;
+
+namespace {
+
+class ArvList : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        tool = boost::process::search_path("arv-tool-0.8").string();
+        if (tool.empty())
+            GTEST_SKIP() << "arv-tool-0.8 is not installed (package aravis-tools-cli)";
+    }
+
+    std::string run(std::vector<std::string> arguments)
+    {
+        Process process(tool, arguments);
+        std::string output = process.rest();
+        EXPECT_EQ(process.wait(), 0) << process.errors();
+        return output;
+    }
+
+    std::string tool;
+};
+
+/// With the GenICam file plain and zipped.
+class ArvTool : public ArvList, public testing::WithParamInterface<bool> {};
+
+Config config(bool zipped)
+{
+    Config made;
+    made.endpoint = {"127.0.13.70", gevsim::gvcpPort};
+    made.zippedXml = zipped;
+    made.userName = "left camera";
+    return made;
+}
+
+} // namespace
+
+TEST_P(ArvTool, ReadsAllFeatures)
+{
+    Camera camera(config(GetParam()));
+    const std::string values = run({"-a", "127.0.13.70", "values"});
+    for (const char* line :
+         {"'DeviceVendorName' = 'Simulated Optics'", "'DeviceModelName' = 'gevsim'", "'DeviceUserID' = 'left camera'",
+          "'DeviceTemperature' = 36.5 C", "'Width' = 640", "'PixelFormat' = 'Mono8'", "'ReverseX' = false",
+          "'ExposureTime' = 10000 us", "'PayloadSize' = 307200", "'GevHeartbeatTimeout' = 3000"})
+        EXPECT_NE(values.find(line), std::string::npos) << line << "\n" << values;
+    EXPECT_EQ(camera.counters().malformed, 0U);
+    EXPECT_EQ(camera.counters().received, camera.counters().sent) << "everything was answered";
+}
+
+TEST_P(ArvTool, ControlsFeaturesRegistersAndGivesControlBack)
+{
+    Camera camera(config(GetParam()));
+    const std::string output =
+        run({"-a", "127.0.13.70", "control", "Width=320", "Width", "Gain=3.5", "Gain", "ReverseX=true", "ReverseX",
+             "PixelFormat=Mono16", "PixelFormat", "TestText=hello", "TestText", "AcquisitionStart", "AcquisitionStatus",
+             "R[0x10000]=0x11223344", "R[0x10000]"});
+    for (const char* line :
+         {"Width = 320", "Gain = 3.5 dB", "ReverseX = true", "PixelFormat = Mono16", "TestText = hello",
+          "AcquisitionStart executed", "AcquisitionStatus = 1", "R[0x00010000] = 0x11223344"})
+        EXPECT_NE(output.find(line), std::string::npos) << line << "\n" << output;
+    EXPECT_EQ(camera.readRegister(feature::width), 320U);
+    EXPECT_EQ(camera.readRegister(region::memory), 0x11223344U);
+    EXPECT_FALSE(camera.control().held()) << "given back";
+    const std::vector<std::uint32_t> ccp = camera.writesTo(reg::ccp);
+    ASSERT_FALSE(ccp.empty());
+    EXPECT_NE(ccp.front() & 3U, 0U);
+    EXPECT_EQ(ccp.back(), 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(File, ArvTool, testing::Bool(),
+                         [](const testing::TestParamInfo<bool>& zipped) { return zipped.param ? "zipped" : "plain"; });
+
+namespace {
+
+/// Two cameras ($0), and the tool ($1) once they listen.
+const char* const listScript = R"(
+dir=$(mktemp -d) || exit 1
+mkfifo "$dir/out"
+"$0" -n 2 --no-input > "$dir/out" &
+camera=$!
+exec 3< "$dir/out"
+rm -r "$dir"
+read -r first <&3 && read -r second <&3 || exit 1
+"$1"
+result=$?
+kill $camera
+wait $camera || exit 1
+exit $result
+)";
+
+} // namespace
+
+TEST_F(ArvList, FindsTheCamerasOnTheLoopbackInterface)
+{
+    // The tool asks on every interface. Where the system allows, it is given a network that has none but loopback.
+    std::vector<std::string> command = {"unshare", "--user", "--map-root-user", "--net", "/bin/sh", "-c"};
+    const std::string unshare = boost::process::search_path("unshare").string();
+    bool ownNetwork = !unshare.empty();
+    if (ownNetwork) {
+        command[0] = unshare;
+        std::vector<std::string> probe(command.begin() + 1, command.end());
+        probe.push_back("ip link set lo up");
+        ownNetwork = Process(unshare, probe).wait() == 0;
+    }
+    const std::string script = (ownNetwork ? "ip link set lo up || exit 1" : "") + std::string(listScript);
+    if (!ownNetwork)
+        command = {"/bin/sh", "-c"};
+    std::vector<std::string> arguments(command.begin() + 1, command.end());
+    arguments.insert(arguments.end(), {script, GEVSIM, tool});
+    Process process(command[0], arguments);
+    const std::string output = process.rest();
+    EXPECT_EQ(process.wait(), 0) << process.errors();
+    EXPECT_NE(output.find("Simulated Optics-gevsim-7F000001-3956 (127.0.0.1)"), std::string::npos) << output;
+    EXPECT_NE(output.find("Simulated Optics-gevsim-7F000002-3956 (127.0.0.2)"), std::string::npos) << output;
+}
