@@ -129,7 +129,7 @@ TEST(Genicam, EveryReferenceHasItsNodeAndEveryRegisterItsPlace)
         }
         if (const auto address = node.get_optional<std::string>("Address")) {
             const auto at = static_cast<std::uint32_t>(std::stoul(*address, nullptr, 16));
-            EXPECT_NO_THROW(camera.readMemory(at, node.get<std::size_t>("Length"))) << *address;
+            EXPECT_NO_THROW(camera.readMemory(at, std::stoul(node.get<std::string>("Length")))) << *address;
         }
     }
     for (const std::string& reference : references)
