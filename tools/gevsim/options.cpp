@@ -77,8 +77,9 @@ po::options_description describe(Options& options, Typed& typed)
     po::options_description doing("What it does", lineLength, textLength);
     doing.add_options()("execute,x", po::value(&options.commands)->value_name("LINE")->composing(),
                         "executes a command before it starts; repeatable")(
-        "seed", po::value(&camera.seed)->value_name("N")->default_value(camera.seed), "seed of random loss")(
-        "trace,t", "prints every datagram as a line")("no-input", "does not read commands from standard input")(
+        "seed", po::value(&camera.seed)->value_name("N")->default_value(camera.seed),
+        "seed of random loss")("trace,t", "prints every datagram as a line")(
+        "no-input", "does not read commands from standard input, as for the background of a terminal")(
         "exit-on-eof", "ends when standard input ends")("help,h", "prints this text")("version", "prints the version");
     po::options_description all(lineLength, textLength);
     all.add(where).add(what).add(doing);
