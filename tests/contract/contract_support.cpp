@@ -99,7 +99,7 @@ bool untilAsleep(const std::atomic<std::uint64_t>& thread)
 {
     int inRow = 0;
     return eventually([&] {
-        std::ifstream status("/proc/self/task/" + std::to_string(thread.load()) + "/status");
+        std::ifstream status("/proc/" + std::to_string(thread.load()) + "/status");
         bool asleep = false;
         for (std::string line; std::getline(status, line);)
             asleep = asleep || line.compare(0, 8, "State:\tS") == 0;

@@ -34,7 +34,8 @@ std::string uniqueName(const std::string& stem);
 /// The numbers of this process's open descriptors.
 std::set<int> openDescriptors();
 
-/// Waits until the thread of this process with the id in `thread` (0: it is not known yet) sleeps in a system call.
+/// Waits until the thread with the id in `thread` (0: it is not known yet), or a process of one thread, sleeps in a
+/// system call.
 bool untilAsleep(const std::atomic<std::uint64_t>& thread);
 
 /// A pipe. Ends that are still open go with it.

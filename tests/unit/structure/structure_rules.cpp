@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
-#include <regex>
+#include <set>
 #include <sstream>
 
 namespace zuTest::structure {
@@ -29,19 +29,21 @@ const std::vector<Room> rooms = {
 
 const std::vector<std::string> freeFolders = {"tests/", "bench/", "fuzz/", "packaging/", "docs/", "cmake/", "scripts/"};
 
-// Headers of a system for sockets, memory mapping, processes, threads and terminals.
-const std::regex systemHeader("(sys|net|netinet|arpa|linux|asm|bits|systemd)/.*"
-                              "|(unistd|poll|termios?|fcntl|pthread|signal|sched|syslog|ifaddrs|netdb|spawn|pwd|grp|pty"
-                              "|utmp|langinfo|semaphore|mqueue|aio|ucontext|dlfcn|getopt|libgen|dirent|glob|wait)\\.h"
-                              "|csignal"
-                              "|([Ww]indows|[Ww]in[Ss]ock2?|[Ww][Ss]2tcpip|iphlpapi|psapi|conio|io|process|direct"
-                              "|tlhelp32|winsvc|wincon|sddl|aclapi)\\.h");
-
-const std::regex systemName("\\b(_?WIN32|_WIN64|__MINGW32__|__CYGWIN__|__linux__|__linux|linux|__unix__"
-                            "|__unix|__APPLE__|__FreeBSD__|_GNU_SOURCE|_POSIX_C_SOURCE)\\b");
-
-const std::regex includeLine("^\\s*#\\s*include(_next)?\\s*([\"<])([^\">]+)[\">].*");
-const std::regex directive("^\\s*#.*");
+// Headers of a system for sockets, memory mapping, processes, threads and terminals; Windows' names in small letters.
+const std::vector<std::string> systemFolders = {"sys/",   "net/", "netinet/", "arpa/",
+                                                "linux/", "asm/", "bits/",    "systemd/"};
+const std::set<std::string> systemHeaders = {
+    "unistd.h",   "poll.h",     "termio.h",    "termios.h", "fcntl.h",   "pthread.h",  "signal.h",   "csignal",
+    "sched.h",    "syslog.h",   "ifaddrs.h",   "netdb.h",   "spawn.h",   "pwd.h",      "grp.h",      "pty.h",
+    "utmp.h",     "langinfo.h", "semaphore.h", "mqueue.h",  "aio.h",     "ucontext.h", "dlfcn.h",    "getopt.h",
+    "libgen.h",   "dirent.h",   "glob.h",      "wait.h",    "windows.h", "winsock.h",  "winsock2.h", "ws2tcpip.h",
+    "iphlpapi.h", "psapi.h",    "conio.h",     "io.h",      "process.h", "direct.h",   "tlhelp32.h", "winsvc.h",
+    "wincon.h",   "sddl.h",     "aclapi.h",
+};
+const std::set<std::string> systemNames = {
+    "WIN32",  "_WIN32",   "_WIN64",    "__CYGWIN__",  "__linux__",   "__linux",         "linux",
+    "__unix", "__unix__", "__APPLE__", "__FreeBSD__", "_GNU_SOURCE", "_POSIX_C_SOURCE",
+};
 
 bool startsWith(const std::string& text, const std::string& start) { return text.compare(0, start.size(), start) == 0; }
 
@@ -98,6 +100,51 @@ std::string withoutComments(const std::string& text)
     return result;
 }
 
+bool isSystemHeader(std::string target)
+{
+    std::transform(target.begin(), target.end(), target.begin(), [](unsigned char c) { return std::tolower(c); });
+    return systemHeaders.count(target) > 0 ||
+           std::any_of(systemFolders.begin(), systemFolders.end(),
+                       [&](const std::string& folder) { return startsWith(target, folder); });
+}
+
+/// A preprocessor line without its '#', or empty if it is none.
+std::string directiveOf(const std::string& line)
+{
+    const std::size_t mark = line.find_first_not_of(" \t");
+    if (mark == std::string::npos || line[mark] != '#')
+        return {};
+    const std::size_t word = line.find_first_not_of(" \t", mark + 1);
+    return word == std::string::npos ? std::string() : line.substr(word);
+}
+
+/// The file that a directive includes, with `quoted` told; empty if it includes none by its name.
+std::string includedBy(const std::string& directive, bool& quoted)
+{
+    const std::size_t open = directive.find_first_of("<\"");
+    if (!startsWith(directive, "include") || open == std::string::npos)
+        return {};
+    quoted = directive[open] == '"';
+    const std::size_t close = directive.find(quoted ? '"' : '>', open + 1);
+    return close == std::string::npos ? std::string() : directive.substr(open + 1, close - open - 1);
+}
+
+/// The first word of the directive that names a system; empty if there is none.
+std::string systemNameIn(const std::string& directive)
+{
+    std::string word;
+    for (const char c : directive + ' ') {
+        if (std::isalnum(static_cast<unsigned char>(c)) || c == '_') {
+            word += c;
+        } else {
+            if (systemNames.count(word))
+                return word;
+            word.clear();
+        }
+    }
+    return {};
+}
+
 /// What is wrong with including `target` from a file in `room`; empty if nothing.
 std::string judgeOwn(const Room& room, const std::string& target)
 {
@@ -131,16 +178,15 @@ std::vector<std::string> violations(const std::string& path, const std::string& 
             if (!what.empty())
                 found.push_back(path + ':' + std::to_string(number) + ": " + what);
         };
-        std::smatch match;
-        if (std::regex_match(line, match, includeLine)) {
-            const std::string target = match[3];
-            if (roomOf(target) || match[2] == "\"")
+        const std::string directive = directiveOf(line);
+        bool quoted = false;
+        if (const std::string target = includedBy(directive, quoted); !target.empty()) {
+            if (quoted || roomOf(target))
                 report(judgeOwn(*room, target));
-            else if (!implementsSystem && std::regex_match(target, systemHeader))
+            else if (!implementsSystem && isSystemHeader(target))
                 report("includes the system header <" + target + "> outside platform/");
-        } else if (!implementsSystem && std::regex_match(line, directive) &&
-                   std::regex_search(line, match, systemName)) {
-            report("asks for the system by " + match.str() + " outside platform/");
+        } else if (const std::string name = systemNameIn(directive); !implementsSystem && !name.empty()) {
+            report("asks for the system by " + name + " outside platform/");
         }
     }
     return found;

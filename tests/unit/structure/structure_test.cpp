@@ -113,8 +113,7 @@ TEST(Structure, SystemHeadersOutsidePlatformAreFound)
 
 TEST(Structure, SystemNamesOutsidePlatformAreFound)
 {
-    for (const char* line : {"#ifdef _WIN32", "#if defined(__linux__)", "# ifndef _WIN32",
-                             "#define _GNU_SOURCE"})
+    for (const char* line : {"#ifdef _WIN32", "#if defined(__linux__)", "# ifndef _WIN32", "#define _GNU_SOURCE"})
         EXPECT_THAT(violations("src/a.cpp", line), SizeIs(1)) << line;
     EXPECT_THAT(violations("src/a.cpp", "// #ifdef _WIN32\n/* \n#ifdef __linux__\n*/ const char* a = \"//\";\n"),
                 IsEmpty());
