@@ -36,7 +36,6 @@ public:
         return before;
     }
     friend bool operator==(const TrackingIterator& a, const TrackingIterator& b) { return a.at_ == b.at_; }
-    friend bool operator!=(const TrackingIterator& a, const TrackingIterator& b) { return a.at_ != b.at_; }
 
 private:
     const char* at_;

@@ -1,5 +1,6 @@
 // Entry of the log service and its viewer. The main thread watches for signals while other threads work.
 #include "platform/process.h"
+#include "platform/service_notify.h"
 #include "platform/shared_memory.h"
 #include "platform/thread.h"
 #include "tools/zuLogSvc/connection_block.h"
@@ -89,11 +90,13 @@ int serve(const Options& options)
     service->start();
     {
         const ConnectionBlock block(service->endpoints());
+        zuPlatform::notifyServiceReady("Taking messages");
         while (!stopRequested) {
             if (reloadRequested.exchange(false))
                 reload(options, *service);
             zuPlatform::sleepMs(pollMs);
         }
+        zuPlatform::notifyServiceStopping("Writing what has arrived");
     }
     if (service->stop(stopMs))
         return exitGood;
