@@ -114,8 +114,9 @@ template class basic_file_target<boost::mutex>;
 
 std::shared_ptr<basic_file_target<boost::mutex>::file> make_file(const std::string& path)
 {
-    const std::wstring wide = zuPlatform::utf8ToWide(path.data(), path.data() + path.size());
-    auto opened = std::make_shared<basic_file_target<boost::mutex>::file>(std::filesystem::path(wide));
+    zuPlatform::utf8ToWide(path.data(), path.data() + path.size()); // throws unless it is UTF-8
+    auto opened = std::make_shared<basic_file_target<boost::mutex>::file>(
+        std::filesystem::path(std::u8string(path.begin(), path.end())));
     if (opened->fail())
         throw std::runtime_error("Error opening file: " + path);
     return opened;

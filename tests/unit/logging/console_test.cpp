@@ -1,0 +1,194 @@
+// The console target, on a scripted console.
+#include "logging/console.h"
+
+#include "tests/unit/logging/fake_console.h"
+#include "tests/unit/logging/support.h"
+
+using namespace zuLogging;
+using namespace zuTest;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+using Target = basic_console_target<boost::mutex>;
+
+class Console : public testing::Test {
+protected:
+    Console() { FakeConsole::reset(); }
+
+    FakeConsole::State& fake = FakeConsole::state();
+    std::vector<std::string> takeCalls() { return std::exchange(fake.calls, {}); }
+};
+
+} // namespace
+
+TEST_F(Console, AttributeOfEachLevel)
+{
+    fake.window = true;
+    Target target(make_console());
+    const std::pair<std::uint32_t, int> attributes[] = {
+        {log_fatal, 0xC0}, {log_err, 0x0C},  {log_warn, 0x0E}, {log_trace, 0x07},
+        {log_debug, 0x70}, {log_info, 0x0F}, {0x40, 0x0F},     {0, 0x0F},
+    };
+    for (const auto& [level, attribute] : attributes) {
+        fake.info.attributes = 0x1A;
+        write(target, message("Console", level), std::string("text"));
+        EXPECT_THAT(takeCalls(), ElementsAre("setAttribute " + std::to_string(attribute), "write text",
+                                             "setAttribute 26", "write \n"));
+        write(target, message("Console", level), std::wstring(L"text"));
+        EXPECT_THAT(takeCalls(), ElementsAre("setAttribute " + std::to_string(attribute), "wide text",
+                                             "setAttribute 26", "wide \n"));
+    }
+}
+
+TEST_F(Console, WithoutColoursNothingIsSet)
+{
+    fake.window = true;
+    const auto console = make_console();
+    console->colored = false;
+    Target target(console);
+    write(target, message("Console", log_err), std::string("text"));
+    EXPECT_THAT(takeCalls(), ElementsAre("write text", "write \n"));
+}
+
+TEST_F(Console, AnExistingOneIsTakenAsItIs)
+{
+    fake.window = true;
+    {
+        const auto console = make_console();
+        EXPECT_FALSE(console->owned);
+        EXPECT_TRUE(console->colored);
+        EXPECT_EQ(console->width, 80);
+        EXPECT_EQ(console->height, 25);
+    }
+    EXPECT_THAT(takeCalls(), IsEmpty());
+}
+
+TEST_F(Console, AMissingOneIsAllocatedSizedAndMinimised)
+{
+    fake.info.maxWidth = 120;
+    fake.info.maxHeight = 60;
+    fake.info.left = 3;
+    fake.info.top = 4;
+    {
+        const auto console = make_console();
+        EXPECT_TRUE(console->owned);
+        EXPECT_THAT(takeCalls(), ElementsAre("allocate", "setBufferSize 80 9000", "setWindow 3 4 119 24", "minimise"));
+    }
+    EXPECT_THAT(takeCalls(), ElementsAre("release"));
+}
+
+TEST_F(Console, ASmallScreenLimitsTheWindow)
+{
+    fake.info.maxWidth = 40;
+    fake.info.maxHeight = 10;
+    make_console();
+    EXPECT_EQ(takeCalls().at(2), "setWindow 0 0 39 9");
+}
+
+TEST_F(Console, WithoutInfoItIsNotSized)
+{
+    fake.hasInfo = false;
+    const auto console = make_console();
+    EXPECT_THAT(takeCalls(), ElementsAre("allocate", "minimise"));
+}
+
+TEST_F(Console, WithoutAWindowItIsNotMinimised)
+{
+    fake.hasInfo = false;
+    fake.windowIsOne = false;
+    const auto console = make_console();
+    EXPECT_THAT(takeCalls(), ElementsAre("allocate"));
+}
+
+TEST_F(Console, TheParentsIsTheSecondChoice)
+{
+    fake.canAllocate = false;
+    const auto console = make_console();
+    EXPECT_TRUE(console->owned);
+    EXPECT_THAT(takeCalls(), ElementsAre("allocate", "attachToParent", "minimise"));
+}
+
+TEST_F(Console, WithNoneAtAllTheTextIsLost)
+{
+    fake.canAllocate = fake.canAttach = false;
+    const auto console = make_console();
+    EXPECT_FALSE(console->owned);
+    EXPECT_EQ(console->ensure(), 0);
+    takeCalls();
+    Target target(console);
+    write(target, message("Console", log_err), std::string("text"));
+    EXPECT_THAT(takeCalls(), ElementsAre("allocate", "attachToParent", "write ", "write "));
+}
+
+TEST_F(Console, AClosedOneIsAllocatedAnewAtTheNextMessage)
+{
+    fake.window = true;
+    Target target(make_console());
+    write(target, message("Console", log_info), std::string("one"));
+    takeCalls();
+    fake.window = false;
+    write(target, message("Console", log_info), std::string("two"));
+    const auto calls = takeCalls();
+    EXPECT_EQ(calls.at(0), "allocate");
+    EXPECT_THAT(calls, testing::Contains("write two"));
+    EXPECT_THAT(calls, testing::Not(testing::Contains("minimise")));
+}
+
+TEST_F(Console, WritingGoesOnUntilAllIsOut)
+{
+    fake.window = true;
+    Target target(make_console());
+    fake.takes = {2, 1, 3};
+    write(target, message("Console", log_info), std::string("abcdef"));
+    EXPECT_THAT(takeCalls(),
+                ElementsAre("setAttribute 15", "write ab", "write c", "write def", "setAttribute 7", "write \n"));
+}
+
+TEST_F(Console, NarrowTextStopsAtARefusal)
+{
+    fake.window = true;
+    Target target(make_console());
+    fake.takes = {2, 0};
+    write(target, message("Console", log_info), std::string("abcdef"));
+    EXPECT_THAT(takeCalls(), ElementsAre("setAttribute 15", "write ab", "write ", "setAttribute 7", "write \n"));
+}
+
+TEST_F(Console, WideTextGoesOnBehindARefusal)
+{
+    fake.window = true;
+    Target target(make_console());
+    fake.takes = {2, 0, 0, 1};
+    write(target, message("Console", log_info), std::wstring(L"abcd"));
+    EXPECT_THAT(takeCalls(), ElementsAre("setAttribute 15", "wide ab", "wide ", "wide ", "wide c", "wide d",
+                                         "setAttribute 7", "wide \n"));
+}
+
+TEST_F(Console, ATitleIsSet)
+{
+    fake.window = true;
+    make_console("the title");
+    EXPECT_THAT(takeCalls(), ElementsAre("setTitle the title"));
+}
+
+TEST_F(Console, ARefusedTitleIsASystemError)
+{
+    fake.window = true;
+    fake.takesTitle = false;
+    fake.error = 5;
+    fake.errorWords = "Access is denied";
+    try {
+        make_console("title");
+        FAIL();
+    } catch (const zuLogging::system_error& failure) {
+        EXPECT_EQ(failure.code, 5u);
+        EXPECT_STREQ(failure.what(), "Access is denied");
+    }
+}
+
+TEST_F(Console, ASystemErrorWithoutWordsHasItsNumber)
+{
+    EXPECT_STREQ(zuLogging::system_error(4711).what(), "Error 4711");
+    EXPECT_EQ(zuLogging::system_error(4711).code, 4711u);
+}
