@@ -1,4 +1,5 @@
 // The logger tree and the group table.
+#include "tests/unit/logging/bytes.h"
 #include "tests/unit/logging/support.h"
 
 #include <boost/thread/lock_types.hpp>
@@ -12,17 +13,6 @@ using testing::IsEmpty;
 using testing::SizeIs;
 
 namespace {
-
-template <typename Exception, typename Call>
-std::string failureOf(Call call)
-{
-    try {
-        call();
-    } catch (const Exception& failure) {
-        return typeid(failure) == typeid(Exception) ? failure.what() : "another class";
-    }
-    return "nothing thrown";
-}
 
 void prune()
 {
