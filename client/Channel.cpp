@@ -93,11 +93,7 @@ Channel::Channel(std::shared_ptr<EventQueue> events) : events_(std::move(events)
         });
 }
 
-Channel::~Channel()
-{
-    // The destructor of the source is what disconnects: an explicit call besides would release its slot twice.
-    attachment_.source.reset();
-}
+Channel::~Channel() { detach(attachment_); }
 
 bool Channel::send(Request& request, Reply& reply, Milliseconds timeout)
 {

@@ -30,10 +30,10 @@ constexpr unsigned commandsOfLink = 6;
 constexpr unsigned commandsOfHeartbeatThread = 5; ///< at most, when its end is waited for
 constexpr std::size_t daemonBlock = 576;          ///< of which each costs two camera commands
 
-std::string hexadecimal(std::uint64_t value)
+std::string hexadecimal(std::uint32_t value)
 {
-    std::array<char, 24> text{};
-    std::snprintf(text.data(), text.size(), "0x%04llX", static_cast<unsigned long long>(value));
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), value > 0xFFFF ? "0x%08X" : "0x%04X", value);
     return text.data();
 }
 

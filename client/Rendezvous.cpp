@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstring>
 #include <mutex>
+#include <shared_mutex>
 
 namespace zuGevClient {
 
@@ -28,7 +29,7 @@ constexpr int announceAttempts = 3;
 constexpr std::uint32_t echoStatus = 0x7A75;
 
 struct Shared {
-    std::mutex mutex; ///< guards the two below, and lets one connection at a time in; outside the pipe's locks
+    std::shared_mutex mutex; ///< exclusive: one connection comes, and the two below; shared: connections go
     std::weak_ptr<zuIPCPipe::CMgr> manager; ///< owned by the connections, so that nothing is left to a process's end
     std::uint16_t port = 0;                 ///< network byte order; the daemon that the manager knows
 };
@@ -85,7 +86,7 @@ bool daemonAnswers(std::uint16_t port, Milliseconds wait)
 Attachment attach()
 {
     Shared& process = shared();
-    const std::lock_guard<std::mutex> guard(process.mutex);
+    const std::lock_guard<std::shared_mutex> guard(process.mutex);
     const std::uint16_t port = publishedPort();
     if (port == 0)
         throw NoDaemonError("No daemon is running on this machine (it has published no port)");
@@ -110,6 +111,14 @@ Attachment attach()
         }
     }
     throw NoDaemonError("The daemon is there, but takes no connection: " + reason);
+}
+
+void detach(Attachment& attachment) noexcept
+{
+    const std::shared_lock<std::shared_mutex> guard(shared().mutex);
+    // The destructor of the source is what disconnects: an explicit call besides would release its slot twice.
+    attachment.source.reset();
+    attachment.manager.reset();
 }
 
 } // namespace zuGevClient

@@ -22,6 +22,10 @@ struct Attachment {
 /// NoDaemonError.
 Attachment attach();
 
+/// Disconnects, which takes up to 800 ms. Several may go at once, but none while one comes: the daemon's end of a
+/// shared road goes with the last connection on it, and a newcomer must not take that road in this moment.
+void detach(Attachment& attachment) noexcept;
+
 /// The port that a daemon has published, dead or alive; 0 if there is none. Network byte order.
 std::uint16_t publishedPort();
 

@@ -26,8 +26,15 @@ public:
         turn_.notify_all();
     }
 
+    /// How many hold it or wait for it.
+    std::uint64_t users() const
+    {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        return next_ - serving_;
+    }
+
 private:
-    std::mutex mutex_; ///< guards both numbers; a leaf
+    mutable std::mutex mutex_; ///< guards both numbers; a leaf
     std::condition_variable turn_;
     std::uint64_t next_ = 0;
     std::uint64_t serving_ = 0;

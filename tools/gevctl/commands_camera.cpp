@@ -25,8 +25,8 @@ constexpr std::uint32_t streamChannelsRegister = 0x0904;
 constexpr std::uint32_t gvcpCapabilityRegister = 0x0934;
 constexpr std::uint32_t heartbeatTimeoutRegister = 0x0938;
 constexpr std::uint32_t privilegeRegister = 0x0A00;
-constexpr std::uint32_t applicationPortRegister = 0x0A14;
-constexpr std::uint32_t applicationIpRegister = 0x0A18;
+constexpr std::uint32_t applicationPortRegister = 0x0A04;
+constexpr std::uint32_t applicationIpRegister = 0x0A14;
 
 constexpr std::uint64_t pingEveryMs = 2000;
 constexpr std::uint32_t watchStepMs = 100;

@@ -1,0 +1,336 @@
+// Whole commands, from the command line to what is printed, with the daemon's instances and a simulated camera in this
+// process.
+#include "src/InstanceBook.h"
+#include "tests/unit/IPCPipe/pipe_support.h"
+#include "tools/gevctl/commands.h"
+#include "tools/gevsim/camera.h"
+#include "tools/gevsim/genicam.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+using namespace gevctl;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+using Bytes = std::vector<std::uint8_t>;
+using NlohmannJson = nlohmann::json;
+
+constexpr std::uint32_t memoryBase = gevsim::region::memory;
+
+gevsim::Config cameraConfig(bool zipped = false)
+{
+    gevsim::Config config;
+    config.endpoint = gevsim::Endpoint("127.0.15.3", 0);
+    config.zippedXml = zipped;
+    config.userName = "Left";
+    return config;
+}
+
+/// A stream buffer that can be read while another thread writes to it.
+class Capture : public std::streambuf {
+public:
+    std::string text() const
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return text_;
+    }
+
+protected:
+    int overflow(int character) override
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        text_ += static_cast<char>(character);
+        return character;
+    }
+    std::streamsize xsputn(const char* data, std::streamsize size) override
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        text_.append(data, static_cast<std::size_t>(size));
+        return size;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::string text_;
+};
+
+struct GevctlTest : testing::Test {
+    zuTest::OwnNames names;
+    std::shared_ptr<zuIPCPipe::CMgrServer> manager =
+        std::make_shared<zuIPCPipe::CMgrServer>(&zuGevDaemon::OnClientConnect);
+    gevsim::Camera camera{cameraConfig()};
+    std::filesystem::path folder;
+    std::atomic<bool> stop{false};
+    std::string out, err, in;
+    bool terminal = false;
+
+    GevctlTest()
+    {
+        folder = std::filesystem::path(testing::TempDir()) /
+                 ("gevctl-test-" + std::to_string(reinterpret_cast<std::uintptr_t>(this)) + "-" +
+                  testing::UnitTest::GetInstance()->current_test_info()->name());
+        std::filesystem::create_directories(folder);
+    }
+    ~GevctlTest() override
+    {
+        manager.reset();
+        zuGevDaemon::CollectGarbage();
+        std::filesystem::remove_all(folder);
+    }
+
+    /// Runs a command line, in which CAMERA stands for the camera's address.
+    int gevctl(const std::string& line)
+    {
+        std::istringstream words(line);
+        std::vector<std::string> arguments;
+        for (std::string word; words >> word;)
+            arguments.push_back(word == "CAMERA" ? address() : word);
+        const Parsed parsed = parseCommandLine(arguments);
+        EXPECT_TRUE(parsed.options) << parsed.err;
+        if (!parsed.options)
+            return parsed.exitCode;
+        std::istringstream input(in);
+        std::ostringstream output, errors;
+        const int code = run(*parsed.options, {input, output, errors, terminal, terminal, stop});
+        out = output.str();
+        err = errors.str();
+        return code;
+    }
+    std::string address() const { return "127.0.15.3:" + std::to_string(camera.port()); }
+    NlohmannJson json() const { return NlohmannJson::parse(out); }
+    std::string file(const std::string& name) const { return (folder / name).string(); }
+    static Bytes content(const std::string& name)
+    {
+        std::ifstream stream(name, std::ios::binary);
+        return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    }
+};
+
+TEST_F(GevctlTest, registersPlainAndJson)
+{
+    EXPECT_EQ(gevctl("reg write -c CAMERA 0xA050 0x1234 0xA060 7"), 0) << err;
+    EXPECT_EQ(out, "0x0000A050: 0x00001234 written\n0x0000A060: 0x00000007 written\n");
+    EXPECT_EQ(camera.readRegister(0xA050), 0x1234u);
+    EXPECT_EQ(camera.readRegister(gevsim::reg::ccp), 0u); // given back
+    EXPECT_EQ(gevctl("reg read -c CAMERA 0xA050 0xA060"), 0);
+    EXPECT_EQ(out, "0x0000A050: 0x00001234 4660\n0x0000A060: 0x00000007 7\n");
+    EXPECT_EQ(gevctl("reg read -c CAMERA 0xA050 --json"), 0);
+    EXPECT_EQ(json(),
+              NlohmannJson::parse(R"({"registers":[{"address":"0x0000A050","value":4660,"hex":"0x00001234"}]})"));
+    EXPECT_EQ(gevctl("reg write -c CAMERA 0xA050 1 --json"), 0);
+    EXPECT_EQ(json()["written"][0]["value"], 1);
+}
+
+TEST_F(GevctlTest, cameraErrorsAreFour)
+{
+    EXPECT_EQ(gevctl("reg read -c CAMERA 0x0F000000"), exitCamera);
+    EXPECT_THAT(err, AllOf(StartsWith("gevctl: Reading register 0x0F000000: invalid address"), HasSubstr("-1015")));
+    EXPECT_EQ(gevctl("reg read -c CAMERA 0x0F000000 --json"), exitCamera);
+    EXPECT_EQ(NlohmannJson::parse(err)["error"]["status"], -1015);
+    EXPECT_EQ(NlohmannJson::parse(err)["error"]["kind"], "camera");
+    EXPECT_EQ(out, "");
+    camera.writeRegister(gevsim::reg::ccp, gevsim::ccpValue::control);
+    EXPECT_EQ(gevctl("reg write -c CAMERA 0xA050 1"), exitCamera);
+    EXPECT_THAT(err, HasSubstr("another application may hold it"));
+    camera.silence(gevsim::Camera::Milliseconds::max());
+    EXPECT_EQ(gevctl("info -c CAMERA --ack-timeout 20 --retries 1"), exitCamera);
+    EXPECT_THAT(err, HasSubstr("does not answer"));
+}
+
+TEST_F(GevctlTest, noDaemonIsThree)
+{
+    manager.reset();
+    for (const char* const line : {"status", "info -c CAMERA", "reg read -c CAMERA 0", "watch -c CAMERA"})
+        EXPECT_EQ(gevctl(line), exitNoDaemon) << line;
+    EXPECT_EQ(gevctl("status --json"), exitNoDaemon);
+    EXPECT_EQ(NlohmannJson::parse(err)["error"]["kind"], "daemon");
+}
+
+TEST_F(GevctlTest, otherFailuresAreOne)
+{
+    EXPECT_EQ(gevctl("mem write -c CAMERA 0x10000 /no/such/file"), exitFailure);
+    EXPECT_THAT(err, HasSubstr("/no/such/file"));
+    EXPECT_EQ(gevctl("mem read -c CAMERA 0x10000 4 -o /no/such/folder/file"), exitFailure);
+    stop = true;
+    EXPECT_EQ(gevctl("mem read -c CAMERA 0x10000 4"), exitFailure);
+    EXPECT_EQ(err, "gevctl: Interrupted\n");
+}
+
+TEST_F(GevctlTest, info)
+{
+    EXPECT_EQ(gevctl("info -c CAMERA"), 0) << err;
+    EXPECT_THAT(out, AllOf(HasSubstr("model:                  gevsim\n"), HasSubstr("userName:               Left\n"),
+                           HasSubstr("access:                 free\n")));
+    EXPECT_EQ(gevctl("info -c CAMERA --json"), 0);
+    EXPECT_EQ(json()["manufacturer"], "Simulated Optics");
+    EXPECT_EQ(json()["ip"], "127.0.15.3");
+    EXPECT_EQ(json()["heartbeatTimeoutMs"], 3000);
+    EXPECT_EQ(json()["streamChannels"], camera.readRegister(gevsim::reg::numberOfStreamChannels));
+}
+
+TEST_F(GevctlTest, memoryToScreenFileAndOutput)
+{
+    Bytes bytes(50001);
+    for (std::size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<std::uint8_t>(i * 31);
+    camera.writeMemory(memoryBase, bytes);
+    EXPECT_EQ(gevctl("mem read -c CAMERA 0x10001 5"), 0);
+    EXPECT_THAT(out, StartsWith("00010001  1F 3E 5D 7C 9B "));
+    EXPECT_EQ(gevctl("mem read -c CAMERA 0x10001 3 --json"), 0);
+    EXPECT_EQ(json()["data"], "1f3e5d");
+    EXPECT_EQ(gevctl("mem read -c CAMERA 0x10000 50001 -o " + file("dump.bin")), 0) << err;
+    EXPECT_EQ(content(file("dump.bin")), bytes);
+    EXPECT_THAT(out, StartsWith("50001 bytes written to"));
+    EXPECT_EQ(err, ""); // no bar where nobody watches
+    EXPECT_EQ(gevctl("mem read -c CAMERA 0x10000 100 -o -"), 0);
+    EXPECT_EQ(Bytes(out.begin(), out.end()), Bytes(bytes.begin(), bytes.begin() + 100));
+}
+
+TEST_F(GevctlTest, memoryFromFileInputAndLine)
+{
+    Bytes bytes(30003, 0xA7);
+    std::ofstream(file("in.bin"), std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), 30003);
+    terminal = true;
+    EXPECT_EQ(gevctl("mem write -c CAMERA 0x10001 " + file("in.bin") + " --verify"), 0) << err;
+    EXPECT_THAT(err, AllOf(HasSubstr("Writing ["), HasSubstr("Verifying ["), HasSubstr("100 %")));
+    EXPECT_EQ(out, "30003 bytes written at 0x00010001, verified\n");
+    EXPECT_EQ(camera.readMemory(memoryBase + 1, 30003), bytes);
+    EXPECT_EQ(camera.readMemory(memoryBase, 1)[0], 0);
+    EXPECT_EQ(camera.readRegister(gevsim::reg::ccp), 0u);
+    EXPECT_EQ(gevctl("mem write -c CAMERA 0x10001 " + file("in.bin") + " -q"), 0);
+    EXPECT_EQ(err + out, "");
+    in = "abc";
+    EXPECT_EQ(gevctl("mem write -c CAMERA 0x10002 -"), 0);
+    EXPECT_EQ(camera.readMemory(memoryBase + 2, 3), (Bytes{'a', 'b', 'c'}));
+    EXPECT_EQ(gevctl("mem write -c CAMERA 0x10002 -d 01:02"), 0);
+    EXPECT_EQ(camera.readMemory(memoryBase + 2, 3), (Bytes{1, 2, 'c'}));
+    in.clear();
+    EXPECT_EQ(gevctl("mem write -c CAMERA 0x10002 -"), 0);
+    EXPECT_EQ(out, "0 bytes written at 0x00010002\n");
+}
+
+TEST_F(GevctlTest, xmlAsItIs)
+{
+    EXPECT_EQ(gevctl("xml -c CAMERA"), 0) << err;
+    EXPECT_EQ(out, gevsim::genicamXml());
+    EXPECT_EQ(gevctl("xml -c CAMERA --url"), 0);
+    EXPECT_THAT(out, HasSubstr("gevsim.xml;20000000;"));
+    EXPECT_EQ(gevctl("xml -c CAMERA -o " + file("camera.xml") + " --json"), 0);
+    EXPECT_EQ(json()["size"], gevsim::genicamXml().size());
+    const Bytes saved = content(file("camera.xml"));
+    EXPECT_EQ(std::string(saved.begin(), saved.end()), gevsim::genicamXml());
+}
+
+TEST_F(GevctlTest, xmlUnzipped)
+{
+    gevsim::Config config = cameraConfig(true);
+    config.endpoint = gevsim::Endpoint("127.0.15.4", 0);
+    const gevsim::Camera zipped(config);
+    const std::string target = "127.0.15.4:" + std::to_string(zipped.port());
+    EXPECT_EQ(gevctl("xml -c " + target), 0) << err;
+    EXPECT_EQ(out, gevsim::genicamXml());
+    EXPECT_EQ(gevctl("xml --raw -c " + target), 0);
+    const auto archive = gevsim::makeGenicamFile(true).bytes;
+    EXPECT_EQ(Bytes(out.begin(), out.end()), archive);
+}
+
+TEST_F(GevctlTest, timeouts)
+{
+    EXPECT_EQ(gevctl("timeouts get -c CAMERA"), 0) << err;
+    EXPECT_THAT(out, AllOf(HasSubstr("ackTimeoutMs:       300\n"), HasSubstr("retries:            3\n"),
+                           HasSubstr("heartbeatTimeoutMs: 3000\n")));
+    EXPECT_EQ(gevctl("timeouts set -c CAMERA --heartbeat 5000 --retries 8 --json"), 0) << err;
+    EXPECT_EQ(json()["heartbeatTimeoutMs"], 5000);
+    EXPECT_EQ(json()["heartbeatMarginMs"], 4500);
+    EXPECT_EQ(camera.readRegister(gevsim::reg::heartbeatTimeout), 5000u);
+}
+
+TEST_F(GevctlTest, statusAndCheck)
+{
+    EXPECT_EQ(gevctl("status"), 0);
+    EXPECT_THAT(out, StartsWith("daemon: running\nport:   "));
+    EXPECT_EQ(gevctl("status -c CAMERA --json"), 0) << err;
+    EXPECT_EQ(json()["access"], "free");
+    camera.setControl({gevsim::ccpValue::control, gevsim::Endpoint("127.0.15.9", 555)});
+    EXPECT_EQ(gevctl("status -c CAMERA --json"), 0) << err;
+    EXPECT_EQ(json()["access"], "controlled");
+    EXPECT_EQ(json()["heldBy"], "127.0.15.9:555");
+    camera.setControl({0, gevsim::Endpoint(0, 0)});
+    EXPECT_EQ(gevctl("check -c CAMERA -a exclusive -l 127.0.15.5 --json"), 0) << err;
+    EXPECT_EQ(json()["holds"], true);
+    EXPECT_EQ(json()["privilege"], "0x00000001");
+    EXPECT_THAT(json()["local"].get<std::string>(), StartsWith("127.0.15.5:"));
+    EXPECT_EQ(camera.readRegister(gevsim::reg::ccp), 0u);
+}
+
+TEST_F(GevctlTest, watchTellsWhatHappensAndGivesTheCameraBack)
+{
+    Capture captured;
+    std::ostream output(&captured);
+    std::istringstream input;
+    std::ostringstream errors;
+    const Parsed parsed = parseCommandLine({"watch", "-c", address(), "--json"});
+    int code = -1;
+    std::thread watcher([&] { code = run(*parsed.options, {input, output, errors, false, false, stop}); });
+    const auto printed = [&](const std::string& what) {
+        return zuTest::eventually([&] { return captured.text().find("\"event\":\"" + what) != std::string::npos; });
+    };
+    EXPECT_TRUE(printed("linked"));
+    camera.powerCycle();
+    EXPECT_TRUE(printed("control lost"));
+    EXPECT_TRUE(printed("reconnected"));
+    stop = true; // as Ctrl-C does
+    watcher.join();
+    EXPECT_EQ(code, 0) << errors.str();
+    EXPECT_EQ(camera.readRegister(gevsim::reg::ccp), 0u);
+    std::istringstream lines(captured.text());
+    std::vector<std::string> told;
+    for (std::string line; std::getline(lines, line);)
+        told.push_back(NlohmannJson::parse(line)["event"]);
+    EXPECT_EQ(told.front(), "linked");
+    EXPECT_EQ(told.back(), "unlinked");
+}
+
+TEST_F(GevctlTest, watchEndsAfterItsTimeAndWhenTheDaemonGoes)
+{
+    EXPECT_EQ(gevctl("watch -c CAMERA --for 50"), 0) << err;
+    EXPECT_THAT(out, AllOf(HasSubstr("  linked\n"), HasSubstr("  unlinked\n")));
+    const auto parsed = parseCommandLine({"watch", "-c", address()});
+    Capture captured;
+    std::ostream output(&captured);
+    std::istringstream input;
+    std::ostringstream errors;
+    int code = -1;
+    std::thread watcher([&] { code = run(*parsed.options, {input, output, errors, false, false, stop}); });
+    EXPECT_TRUE(zuTest::eventually([&] { return captured.text().find("linked") != std::string::npos; }));
+    manager.reset();
+    watcher.join();
+    EXPECT_EQ(code, exitNoDaemon);
+    EXPECT_THAT(errors.str(), HasSubstr("The daemon is gone"));
+}
+
+TEST_F(GevctlTest, discoverByAddress)
+{
+    manager.reset(); // not needed
+    EXPECT_EQ(gevctl("discover --address " + address() + " --wait 1000 --json"), 0) << err;
+    ASSERT_EQ(json()["cameras"].size(), 1u);
+    EXPECT_EQ(json()["cameras"][0]["model"], "gevsim");
+    EXPECT_EQ(json()["cameras"][0]["address"], address());
+    EXPECT_EQ(gevctl("discover --address " + address() + " --wait 1000"), 0);
+    EXPECT_THAT(out, AllOf(StartsWith("127.0.15.3  "), HasSubstr("  gevsim  "), HasSubstr("  \"Left\"\n")));
+    EXPECT_EQ(gevctl("discover --address 127.0.15.250 --wait 50"), 0);
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(err, "No camera has answered.\n");
+    EXPECT_EQ(gevctl("discover -i no-such-interface"), exitFailure);
+}
+
+} // namespace

@@ -1,0 +1,154 @@
+// The command line: what it takes, what it refuses, and that every command explains itself.
+#include "tools/gevctl/options.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+namespace {
+
+using namespace gevctl;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Pair;
+using zuGevClient::Endpoint;
+
+Parsed parse(const std::string& line)
+{
+    std::istringstream words(line);
+    std::vector<std::string> arguments;
+    for (std::string word; words >> word;)
+        arguments.push_back(word);
+    return parseCommandLine(arguments);
+}
+
+Options good(const std::string& line)
+{
+    const Parsed parsed = parse(line);
+    EXPECT_TRUE(parsed.options) << line << ": " << parsed.err;
+    EXPECT_EQ(parsed.exitCode, exitSuccess);
+    return parsed.options.value_or(Options());
+}
+
+void bad(const std::string& line, const std::string& complaint)
+{
+    const Parsed parsed = parse(line);
+    EXPECT_FALSE(parsed.options) << line;
+    EXPECT_EQ(parsed.exitCode, exitUsage) << line;
+    EXPECT_EQ(parsed.out, "") << line;
+    EXPECT_THAT(parsed.err, HasSubstr(complaint)) << line;
+}
+
+TEST(OptionsTest, registers)
+{
+    const Options read = good("reg read -c 127.0.15.1 0x0A00 16");
+    EXPECT_EQ(read.action, Action::readRegisters);
+    EXPECT_EQ(read.camera, (Endpoint{0x7F000F01, 3956}));
+    EXPECT_THAT(read.addresses, ElementsAre(0x0A00, 16));
+    EXPECT_FALSE(read.access);
+
+    const Options write = good("reg write 4 0xFFFFFFFF 8 1 --camera 127.0.15.1:4000");
+    EXPECT_EQ(write.action, Action::writeRegisters);
+    EXPECT_EQ(write.camera, (Endpoint{0x7F000F01, 4000}));
+    EXPECT_THAT(write.writes, ElementsAre(Pair(4, 0xFFFFFFFF), Pair(8, 1)));
+    EXPECT_EQ(write.access->value(), zuGevClient::LinkMode::control().value());
+
+    bad("reg read 4", "--camera is required");
+    bad("reg read -c 127.0.15.1", "address");
+    bad("reg read -c 127.0.15 4", "'127.0.15' is no IPv4 address");
+    bad("reg read -c 127.0.15.1 4 x", "'x' is no number");
+    bad("reg read -c 127.0.15.1 0x100000000", "is no number");
+    bad("reg write -c 127.0.15.1 4", "each address needs a value");
+    bad("reg write -c 127.0.15.1 4 5 6", "each address needs a value");
+    bad("reg", "subcommand");
+}
+
+TEST(OptionsTest, memory)
+{
+    const Options read = good("mem read -c 127.0.15.1 0x10000 2k -o out.bin -q");
+    EXPECT_EQ(read.action, Action::readMemory);
+    EXPECT_EQ(read.address, 0x10000u);
+    EXPECT_EQ(read.size, 2048u);
+    EXPECT_EQ(read.file, "out.bin");
+    EXPECT_TRUE(read.quiet);
+    EXPECT_EQ(good("mem read -c 127.0.15.1 0xFFFFFFFF 1").size, 1u);
+    bad("mem read -c 127.0.15.1 0xFFFFFFFF 2", "'2' is no length");
+    bad("mem read -c 127.0.15.1 4", "length");
+
+    const Options file = good("mem write -c 127.0.15.1 8 in.bin --verify");
+    EXPECT_EQ(file.action, Action::writeMemory);
+    EXPECT_EQ(file.file, "in.bin");
+    EXPECT_TRUE(file.verify);
+    EXPECT_TRUE(file.access->isPrivileged());
+    EXPECT_THAT(good("mem write -c 127.0.15.1 8 -d 0102ff").data, ElementsAre(1, 2, 0xFF));
+    bad("mem write -c 127.0.15.1 8", "needs a FILE or --data");
+    bad("mem write -c 127.0.15.1 8 in.bin -d 01", "needs a FILE or --data");
+    bad("mem write -c 127.0.15.1 8 -d 0", "hexadecimal digits");
+}
+
+TEST(OptionsTest, accessModes)
+{
+    using zuGevClient::LinkMode;
+    EXPECT_EQ(good("info -c 1.2.3.4 -a monitor").access->value(), LinkMode::monitor().value());
+    EXPECT_EQ(good("info -c 1.2.3.4 -a exclusive").access->value(), LinkMode::exclusive().value());
+    EXPECT_EQ(good("watch -c 1.2.3.4").access->value(), LinkMode::control().value());
+    EXPECT_EQ(good("check -c 1.2.3.4 -a switchover:0x12").access->value(), LinkMode::switchover(0x12).value());
+    bad("info -c 1.2.3.4 -a all", "'all' is none of");
+    bad("info -c 1.2.3.4 -a switchover:65536", "is none of");
+    bad("info -c 1.2.3.4 -a switchover:", "is none of");
+}
+
+TEST(OptionsTest, timeoutsAndWatch)
+{
+    EXPECT_EQ(good("timeouts get -c 1.2.3.4").action, Action::getTimeouts);
+    const Options set = good("timeouts set -c 1.2.3.4 --heartbeat 0 --ack-timeout 500 --retries 5");
+    EXPECT_EQ(set.action, Action::setTimeouts);
+    EXPECT_EQ(set.heartbeatMs, 0u);
+    EXPECT_EQ(set.ackTimeoutMs, 500u);
+    EXPECT_EQ(set.retries, 5u);
+    EXPECT_TRUE(set.access->isPrivileged());
+    bad("timeouts set -c 1.2.3.4", "nothing to set");
+    bad("timeouts set -c 1.2.3.4 --retries 0", "from 1");
+    bad("timeouts set -c 1.2.3.4 --ack-timeout 0", "from 1");
+    EXPECT_EQ(good("watch -c 1.2.3.4 --for 100").durationMs, 100u);
+}
+
+TEST(OptionsTest, discoverAndStatus)
+{
+    const Options discover =
+        good("discover -i eth0 -i 10.0.0.1 --address 127.0.15.1 --address 1.2.3.4:99 -w 50 --json");
+    EXPECT_EQ(discover.action, Action::discover);
+    EXPECT_THAT(discover.interfaces, ElementsAre("eth0", "10.0.0.1"));
+    EXPECT_THAT(discover.unicastTargets, ElementsAre(Endpoint{0x7F000F01, 3956}, Endpoint{0x01020304, 99}));
+    EXPECT_EQ(discover.waitMs, 50u);
+    EXPECT_TRUE(discover.json);
+    EXPECT_FALSE(good("status").camera);
+    EXPECT_TRUE(good("status -c 1.2.3.4").camera);
+    EXPECT_TRUE(good("--json status").json);
+    EXPECT_TRUE(good("xml -c 1.2.3.4 --raw").raw);
+    EXPECT_TRUE(good("xml -c 1.2.3.4 --url").urlOnly);
+}
+
+TEST(OptionsTest, usage)
+{
+    bad("", "subcommand");
+    bad("dance", "");
+    bad("status --nonsense", "--nonsense");
+    bad("info", "--camera is required");
+}
+
+TEST(OptionsTest, everyCommandHasHelpWithExamples)
+{
+    for (const char* const command : {"", "discover", "info", "reg read", "reg write", "mem read", "mem write", "xml",
+                                      "watch", "timeouts get", "timeouts set", "status", "check"}) {
+        const Parsed parsed = parse(std::string(command) + " --help");
+        EXPECT_FALSE(parsed.options) << command;
+        EXPECT_EQ(parsed.exitCode, exitSuccess) << command;
+        EXPECT_EQ(parsed.err, "") << command;
+        EXPECT_THAT(parsed.out, HasSubstr("Examples:\n  gevctl " + std::string(*command ? command : "discover")))
+            << command;
+    }
+}
+
+} // namespace
