@@ -98,6 +98,7 @@ int serve(const Options& options)
         }
         zuPlatform::notifyServiceStopping("Writing what has arrived");
     }
+    zuPlatform::notifyServiceStopping("Writing what has arrived");
     if (service->stop(stopMs))
         return exitGood;
     // Standard error may be just as stuck.
