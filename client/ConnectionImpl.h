@@ -15,7 +15,7 @@
 namespace zuGevClient {
 
 /// Operations are those of Connection. Each takes `turn_` for as long as its commands belong together.
-class Connection::Impl final : private WordAccess {
+class [[gnu::visibility("hidden")]] Connection::Impl final : private WordAccess {
 public:
     Impl();
     ~Impl() override;

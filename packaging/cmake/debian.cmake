@@ -26,25 +26,26 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(zu_version "${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}")
 
 # A description's first line is the synopsis.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_COMPONENT_DAEMON_DESCRIPTION
 "machine-wide service that holds GigE Vision cameras
- It takes control of cameras on behalf of the programs of this machine, keeps
- their heartbeat, and carries out register and memory accesses for them. This
- package contains the service, and a log service that writes its log to the
- journal.")
+It takes control of cameras on behalf of the programs of this machine, keeps
+their heartbeat, and carries out register and memory accesses for them. This
+package contains the service, and a log service that writes its log to the
+journal.")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
 "command-line client and simulated camera for GigE Vision
- gevctl finds cameras, reads and writes their registers and memory and watches
- links through the GigE Vision service. gevsim is a simulated camera with
- scripted faults, for trials without hardware.")
+gevctl finds cameras, reads and writes their registers and memory and watches
+links through the GigE Vision service. gevsim is a simulated camera with
+scripted faults, for trials without hardware.")
 set(CPACK_COMPONENT_CLIENT_DESCRIPTION
 "client library of the GigE Vision service
- The C++ library by which programs use the cameras that the GigE Vision
- service of their machine holds.")
+The C++ library by which programs use the cameras that the GigE Vision
+service of their machine holds.")
 set(CPACK_COMPONENT_DEV_DESCRIPTION
 "client library of the GigE Vision service - development files
- Headers, CMake package configuration, pkg-config file and an example for
- programs that use the cameras of the GigE Vision service.")
+Headers, CMake package configuration, pkg-config file and an example for
+programs that use the cameras of the GigE Vision service.")
 
 set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME zugevsvc)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS "systemd (>= 247), init-system-helpers (>= 1.54)")

@@ -91,6 +91,7 @@ machine_first_process() {
     if [ ! -e "$root/etc/zu-machine" ]; then
         rm -rf "$root"/etc/systemd/system/*.wants "$root/etc/fstab"
         rm -f "$root"/lib/systemd/system/multi-user.target.wants/*
+        rm -f "$root/usr/sbin/policy-rc.d" # as images have it, against services that packages start
         : > "$root/etc/zu-machine"
         : > "$root/etc/fstab"
         tr -d - < /proc/sys/kernel/random/uuid > "$root/etc/machine-id"
@@ -108,7 +109,7 @@ machine_first_process() {
     umount -l .
     cd /
     exec env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin container=zu-test \
-        /lib/systemd/systemd --system --unit=multi-user.target --log-target=console --show-status=0
+        /lib/systemd/systemd --system --unit=multi-user.target --show-status=0
 }
 
 # in_machine COMMAND...: runs a command in it, as root, with a clean environment.

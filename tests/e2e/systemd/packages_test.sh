@@ -1,0 +1,115 @@
+#!/usr/bin/env bash
+# Installs under a prefix of the test's own and uses what is there; builds the packages and has lintian look at them.
+# Usage: packages_test.sh BUILD-FOLDER [SANITIZER]. Exit status 0 passed, 1 failed, 77 skipped.
+set -u
+build=$(cd "$1" && pwd)
+sanitizer=${2:-}
+if [ -n "$sanitizer" ]; then
+    echo "SKIPPED: nobody installs a build with the $sanitizer sanitizer"
+    exit 77
+fi
+
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+failures=0
+fail() {
+    echo "FAILED: $*"
+    failures=$((failures + 1))
+}
+quietly() {
+    "$@" > "$folder/log" 2>&1 || {
+        fail "$*"
+        cat "$folder/log"
+    }
+}
+
+prefix="$folder/pre fix"
+quietly cmake --install "$build" --prefix "$prefix"
+for file in sbin/zuGevSvc sbin/zuLogSvc bin/gevctl bin/gevsim etc/zugevsvc/zuLogSvc.json \
+    lib/systemd/system/zuGevSvc.service lib/systemd/system/zuLogSvc.service lib/sysusers.d/zugevsvc.conf \
+    include/zugevclient/client/GevClient.h share/man/man8/zuGevSvc.8.gz share/man/man8/zuLogSvc.8.gz \
+    share/man/man1/gevctl.1.gz share/man/man1/gevsim.1.gz share/bash-completion/completions/gevctl; do
+    [ -s "$prefix/$file" ] || fail "$file is not installed"
+done
+grep -qxF "ExecStart=\"$prefix/sbin/zuGevSvc\" -s" "$prefix/lib/systemd/system/zuGevSvc.service" ||
+    fail "the unit does not run the installed program"
+
+# Settings that are there already are the administrator's.
+echo '{}' > "$prefix/etc/zugevsvc/zuLogSvc.json"
+quietly cmake --install "$build" --prefix "$prefix"
+[ "$(cat "$prefix/etc/zugevsvc/zuLogSvc.json")" = '{}' ] || fail "a second installation has overwritten the settings"
+
+if command -v man > /dev/null; then
+    for page in "$prefix"/share/man/man*/*.gz; do
+        warnings=$(man --warnings -l "$page" 2>&1 > /dev/null)
+        [ -z "$warnings" ] || fail "$page: $warnings"
+    done
+fi
+
+# Each option that a program has is in its man page and in its completion.
+check_options() {
+    local program=$1 page=$2 option
+    shift 2
+    for option in $("$@" 2>&1 | grep -oE -- '(^| |,)--[a-z][a-z-]+' | tr -d ' ,' | sort -u); do
+        [ "$option" = --help-all ] && continue
+        zcat "$page" | sed 's/\\-/-/g' | grep -q -- "$option\b" || fail "$option is not in the man page of $program"
+        grep -q -- "$option\b" "$prefix/share/bash-completion/completions/$program" ||
+            fail "$option is not in the completion of $program"
+    done
+}
+check_options zuGevSvc "$prefix/share/man/man8/zuGevSvc.8.gz" "$prefix/sbin/zuGevSvc" --help
+check_options zuLogSvc "$prefix/share/man/man8/zuLogSvc.8.gz" "$prefix/sbin/zuLogSvc" --help
+check_options gevctl "$prefix/share/man/man1/gevctl.1.gz" "$prefix/bin/gevctl" --help-all
+check_options gevsim "$prefix/share/man/man1/gevsim.1.gz" "$prefix/bin/gevsim" --help
+
+complete_with() { bash -c 'source "$1"; COMP_WORDS=("${@:3}"); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); "$2"; echo "${COMPREPLY[*]}"' \
+    bash "$prefix/share/bash-completion/completions/$1" "_$1" "$@"; }
+[ "$(complete_with gevctl tim)" = timeouts ] || fail "no completion of a command: $(complete_with gevctl tim)"
+[ "$(complete_with gevctl mem r)" = read ] || fail "no completion of a second word"
+[ "$(complete_with gevctl -a ex)" = exclusive ] || fail "no completion of a value"
+[ "$(complete_with zuGevSvc --inst)" = --install ] || fail "no completion of an option"
+
+# A program of somebody else builds against it, both ways.
+libdir=$(dirname "$(find "$prefix" -name libzugevclient.so)")
+mkdir "$folder/user"
+cp "$(dirname "$(find "$prefix" -name example.cpp)")/example.cpp" "$folder/user/"
+cat > "$folder/user/CMakeLists.txt" << 'EOT'
+cmake_minimum_required(VERSION 3.22)
+project(user LANGUAGES CXX)
+find_package(zuGevClient 1.0 REQUIRED)
+add_executable(user example.cpp)
+target_link_libraries(user PRIVATE zuGev::client)
+EOT
+quietly cmake -S "$folder/user" -B "$folder/user/build" -DCMAKE_PREFIX_PATH="$prefix"
+quietly cmake --build "$folder/user/build"
+status=0
+LD_LIBRARY_PATH=$libdir "$folder/user/build/user" > /dev/null 2>&1 || status=$?
+[ $status -eq 2 ] || fail "the example ended with status $status and not with that of its usage"
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+eval "quietly c++ -std=c++20 \"$folder/user/example.cpp\" -o \"$folder/user/by-pkg-config\" $(pkg-config --cflags --libs zugevclient)"
+readelf -d "$folder/user/by-pkg-config" | grep -q 'NEEDED.*libzugevclient\.so\.1\]' || fail "the library has another soname"
+
+# Nothing but the client's own names can be seen in the library.
+others=$(nm -DC --defined-only "$libdir/libzugevclient.so" |
+    sed -E 's/^[0-9a-f]+ . //; s/^(typeinfo for|typeinfo name for|vtable for|guard variable for) //' |
+    grep -v -E '^(zuGevClient|boost|std)::')
+[ -z "$others" ] || fail "the library shows: $others"
+nm -DC --defined-only "$libdir/libzugevclient.so" | grep -q 'zuIPCPipe\|zuLogging\|zuPlatform\|::Impl::' &&
+    fail "the library shows its inside"
+nm -DC --defined-only "$libdir/libzugevclient.so" | grep -q 'zuGevClient::Connection::readRegister' ||
+    fail "the library hides what it offers"
+
+for program in dpkg-shlibdeps file lintian; do
+    command -v "$program" > /dev/null && continue
+    echo "SKIPPED: $program is missing, so the packages were not looked at"
+    [ $failures -eq 0 ] && exit 77
+    exit 1
+done
+rm -f "$build"/packages/*.deb
+(cd "$build" && quietly cpack -G DEB)
+[ "$(ls "$build"/packages/*.deb | wc -l)" = 4 ] || fail "there are not four packages"
+lintian --allow-root --fail-on error --suppress-tags initial-upload-closes-no-bugs "$build"/packages/*.deb ||
+    fail "lintian finds errors"
+
+[ $failures -eq 0 ] && echo "all good"
+exit $((failures > 0))
