@@ -102,8 +102,10 @@ Packet CommandPort::follow(const CommandPacket& packet, const zuPlatform::Socket
     auto filter = filterFromJson(packet.payload);
     if (!filter)
         return refuse(packet, statusBadPayload, "no filter", from);
-    if (!settings()->follow)
+    if (!settings()->follow) {
+        followers_.unfollow(from);
         return encodeAcknowledge(packet.header, statusRefused, "its settings do not let viewers follow");
+    }
     switch (followers_.follow(from, std::move(*filter), clock_.steadyMilliseconds())) {
     case Followers::Answer::added:
     case Followers::Answer::renewed:

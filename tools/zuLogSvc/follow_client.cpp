@@ -49,7 +49,7 @@ public:
                 }
             }
             if (attached == Attached::refused)
-                return FollowEnd::refused;
+                return refused();
             if (attached == Attached::failed)
                 return FollowEnd::failed;
             if (stop_)
@@ -91,10 +91,8 @@ private:
             for (std::uint64_t now = clock_.steadyMilliseconds(); now < until && !stop_;
                  now = clock_.steadyMilliseconds()) {
                 receive(static_cast<std::uint32_t>(until - now));
-                if (!refusal_.empty()) {
-                    tell_("The log service does not let this viewer follow: " + refusal_);
+                if (!refusal_.empty())
                     return Attached::refused;
-                }
                 if (answered_) {
                     output_.flush();
                     return Attached::yes;
@@ -117,6 +115,8 @@ private:
             }
             if (!output_.takeTrouble().empty())
                 return FollowEnd::readerGone;
+            if (!refusal_.empty())
+                return refused();
             const std::uint64_t now = clock_.steadyMilliseconds();
             if (answered_)
                 answeredMs_ = now;
@@ -130,6 +130,12 @@ private:
         }
         output_.flush();
         return std::nullopt;
+    }
+
+    FollowEnd refused() const
+    {
+        tell_("The log service does not let this viewer follow: " + refusal_);
+        return FollowEnd::refused;
     }
 
     void send(std::uint16_t command, const std::string& payload)
