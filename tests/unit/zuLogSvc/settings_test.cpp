@@ -91,8 +91,8 @@ TEST(Settings, TheFirstRuleThatMatchesHolds)
 
 TEST(Settings, RepliesHoldStringsAndOnlyWhatTheDestinationReads)
 {
-    const Rule file{"*", "*", "file", "info", "/tmp/a \"b\".log", "127.0.0.1:9", "off"};
-    EXPECT_EQ(configurationReply(&file), R"({"destination":"file","level":"info","file":"/tmp/a \"b\".log"})");
+    const Rule file{"*", "*", "file", "info", "/logs/a \"b\".log", "127.0.0.1:9", "off"};
+    EXPECT_EQ(configurationReply(&file), R"({"destination":"file","level":"info","file":"/logs/a \"b\".log"})");
     const Rule service{"*", "*", "logsvc", "0x3f", "/x", "127.0.0.1:9", "off"};
     EXPECT_EQ(configurationReply(&service),
               R"({"destination":"logsvc","level":"0x3f","sockaddr":"127.0.0.1:9","thread_id":"off"})");
