@@ -27,7 +27,7 @@ constexpr const char* description =
 constexpr const char* footer =
     "Examples:\n"
     "  zuLogSvc                                       show here what programs log from now on\n"
-    "  zuLogSvc --config /etc/zuLogSvc.json           with rules and log files of one's own\n"
+    "  zuLogSvc --config /etc/zugevsvc/zuLogSvc.json  with rules and log files of one's own\n"
     "  zuLogSvc --check-config --config FILE          say what is wrong with a settings file\n"
     "  zuLogSvc --follow                              look at what the running service takes\n"
     "  zuLogSvc --follow --level warn                 warnings and worse only\n"
