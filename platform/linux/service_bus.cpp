@@ -23,7 +23,7 @@ struct Error {
     ~Error() { ::sd_bus_error_free(&value); }
     Error(const Error&) = delete;
     Error& operator=(const Error&) = delete;
-    sd_bus_error value = SD_BUS_ERROR_NULL;
+    sd_bus_error value{};
 };
 
 struct Message {

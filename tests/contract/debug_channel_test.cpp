@@ -170,14 +170,17 @@ TEST_F(DebugChannelTest, ManyThreadsWriteWholeLines)
         });
     // A full queue drops records, so only whether they are whole is certain.
     std::size_t count = 0;
-    do
+    const auto take = [&] {
         for (const std::string& line : all()) {
             EXPECT_EQ(line, std::string(50, line.empty() ? '?' : line[0]));
             ++count;
         }
-    while (running > 0);
+    };
+    while (running > 0)
+        take();
     for (std::thread& thread : threads)
         thread.join();
+    take();
     EXPECT_GT(count, 0u);
 }
 
