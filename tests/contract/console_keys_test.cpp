@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -284,20 +285,24 @@ TEST(ConsoleKeysTerminal, TheProgramsOwnHandlersStayInCharge)
         static volatile sig_atomic_t stopped = 0;
         setStopHandler([] { stopped = 1; });
         {
-            const ConsoleKeys keys;
+            ConsoleKeys keys;
             print("ready");
             if (!eventually([] { return stopped == 1; }))
                 return 1;
+            print("stopped");
+            if (!eventually([&] { return keys.available(); }))
+                return 3;
         }
-        struct sigaction fault {};
         struct sigaction hangUp {};
-        ::sigaction(SIGSEGV, nullptr, &fault);
         ::sigaction(SIGHUP, nullptr, &hangUp);
         return hangUp.sa_handler == SIG_DFL ? 9 : 2;
     });
     const pid_t victim = session.victim();
     ASSERT_GT(victim, 0);
     ::kill(victim, SIGTERM);
+    EXPECT_NE(session.readUntil("stopped"), "");
+    EXPECT_TRUE(session.isSingleKeys()) << "the process goes on, and so does its terminal";
+    session.type("x");
     session.expectEnd(9);
 }
 
@@ -306,6 +311,7 @@ TEST(ConsoleKeysTerminal, InTheBackgroundItIsLeftAlone)
     TerminalSession session([] {
         ::signal(SIGTTOU, SIG_IGN); // for this leader, which hands the terminal on
         const Pipe go;
+        const Pipe back;
         Child child([&] {
             ::signal(SIGTTOU, SIG_DFL);
             ::setpgid(0, 0);
@@ -320,13 +326,25 @@ TEST(ConsoleKeysTerminal, InTheBackgroundItIsLeftAlone)
             if (keys.available())
                 keys.read();
             print("foreground");
-            return eventually([&] { return keys.read() == 'x'; }) ? 0 : 3;
+            if (!eventually([&] { return keys.read() == 'x'; }))
+                return 3;
+            back.send("b");
+            if (!eventually([] { return ::tcgetpgrp(STDIN_FILENO) != ::getpgrp(); }))
+                return 5;
+            print("behind");
+            int typed = 0;
+            if (!eventually([&] { return ::ioctl(STDIN_FILENO, FIONREAD, &typed) == 0 && typed > 0; }))
+                return 6;
+            return keys.available() ? 7 : 0;
         });
         ::setpgid(child.pid(), child.pid());
         go.send("g");
         char byte = 0;
         if (::read(STDIN_FILENO, &byte, 1) != 1 || ::tcsetpgrp(STDIN_FILENO, child.pid()) != 0)
             return 4;
+        back.read(1);
+        if (::tcsetpgrp(STDIN_FILENO, ::getpgrp()) != 0)
+            return 8;
         return child.exitCode();
     });
     EXPECT_NE(session.readUntil("background"), "");
@@ -335,6 +353,8 @@ TEST(ConsoleKeysTerminal, InTheBackgroundItIsLeftAlone)
     EXPECT_NE(session.readUntil("foreground"), "");
     EXPECT_TRUE(eventually([&] { return session.isSingleKeys(); }));
     session.type("x");
+    EXPECT_NE(session.readUntil("behind"), "");
+    session.type("y");
     EXPECT_EQ(session.exitCode(), 0);
 }
 

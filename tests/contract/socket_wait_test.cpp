@@ -99,6 +99,15 @@ TEST_F(SocketWaitTest, TimeoutZeroReadsWhatIsThere)
     EXPECT_EQ(socket->receive(buffer, sizeof buffer, 0, nullptr).kind, Kind::timeout);
 }
 
+TEST_F(SocketWaitTest, ALongWaitOfBeforeDoesNotStretchAShortOne)
+{
+    sender->sendTo("x", 1, address);
+    EXPECT_EQ(socket->receive(buffer, sizeof buffer, 60000, nullptr).kind, Kind::received);
+    const Stopwatch watch;
+    EXPECT_EQ(socket->receive(buffer, sizeof buffer, 20, nullptr).kind, Kind::timeout);
+    EXPECT_LT(watch.elapsed(), 20s);
+}
+
 TEST_F(SocketWaitTest, SignalsDoNotEndTheWait)
 {
     const SignalStorm storm(::pthread_self());
