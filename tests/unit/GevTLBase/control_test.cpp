@@ -1,6 +1,10 @@
 // Linking, unlinking, and what is set and asked of a link.
 #include "control_fixture.h"
 
+#include <atomic>
+#include <future>
+#include <thread>
+
 using namespace GEV;
 using namespace gevTest;
 using testing::Contains;
@@ -244,10 +248,25 @@ TEST_F(Control, DestructionOutlivesADeviceThatIsGone)
 
 TEST_F(Control, AnInterruptionOfWhoDestroysItWaits)
 {
+    std::promise<void> inCallback;
+    std::promise<void> release;
+    std::atomic<bool> once{false};
+    make([&] {
+        if (once.exchange(true))
+            return;
+        inCallback.set_value();
+        release.get_future().wait_for(hardDeadline);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50)); // so that the destructor has to wait
+    });
+    device.set(timeoutRegister, 50);
     control->Link(3);
+    device.set(ccpRegister, 0);
+    ASSERT_EQ(std::future_status::ready, inCallback.get_future().wait_for(hardDeadline));
+
+    const std::string address = addressOf(*control);
     bool interruptedAfterwards = false;
     boost::thread destroyer([&] {
-        // Asked for before the destruction begins, so that each wait in it would be cut short.
+        // Asked for before the destruction begins, so that its first wait would be cut short.
         while (!boost::this_thread::interruption_requested())
             boost::this_thread::yield();
         control.reset();
@@ -258,8 +277,11 @@ TEST_F(Control, AnInterruptionOfWhoDestroysItWaits)
         }
     });
     destroyer.interrupt();
+    EXPECT_TRUE(log.waitFor("GEV::CGevControl<class GEV::CSockConnection>::~CGevControl " + address));
+    release.set_value();
     destroyer.join();
     EXPECT_TRUE(interruptedAfterwards);
+    EXPECT_EQ(exitLine, controlLines().at(controlLines().size() - 2)) << "the thread was awaited";
     EXPECT_EQ(0u, device.get(ccpRegister));
 }
 
