@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -30,13 +31,13 @@ private:
 /// A plain copy of an exception: it carries the text and nothing else, above all no code.
 class PlainException : public std::exception {
 public:
-    explicit PlainException(const char* text) : text_(text) {}
+    explicit PlainException(const char* text) : text_(std::make_shared<const std::string>(text)) {}
     ~PlainException() override;
 
-    const char* what() const noexcept override { return text_.what(); }
+    const char* what() const noexcept override { return text_->c_str(); }
 
 private:
-    std::runtime_error text_; ///< its text is shared, so that copying does not throw
+    std::shared_ptr<const std::string> text_; ///< shared, so that copying does not throw
 };
 
 } // namespace GEV

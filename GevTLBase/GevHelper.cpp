@@ -12,31 +12,31 @@ namespace GEV {
 namespace {
 
 struct StatusEntry {
-    std::uint16_t status;
     const char* text;
     std::int32_t result;
+    std::uint16_t status;
 };
 
 /// The standard's status codes, with its GEV_STATUS_... names spelled out as they are logged.
 constexpr StatusEntry statusTable[] = {
-    {0x8001, " => Command not implemented", resultCode::notImplemented},
-    {0x8002, " => Invalid Parameter", resultCode::invalidParameter},
-    {0x8003, " => Invalid Address", resultCode::invalidAddress},
-    {0x8004, " => Address Write Protect", resultCode::writeProtect},
-    {0x8005, " => Bad Alignement", resultCode::badAlignment},
-    {0x8006, " => Access Denied", resultCode::accessDenied},
-    {0x8007, " => Busy", resultCode::busy},
-    {0x8008, " => Local Problem", resultCode::localProblem},
-    {0x8009, " => Ack doesn't match MSG", resultCode::mismatch},
-    {0x800A, " => Invalid Protocol Version", resultCode::invalidVersion},
-    {0x800B, " => Msg Response Timeout", resultCode::timeout},
-    {0x800C, " => The requested packet is not available anymore", resultCode::packetUnavailable},
-    {0x800D, " => Device internal Memory Overrun", resultCode::memoryOverrun},
-    {0x800E, " => Invalid Header", resultCode::invalidHeader},
-    {0x8FFF, " => Generic Error", resultCode::generalError},
+    {" => Command not implemented", resultCode::notImplemented, 0x8001},
+    {" => Invalid Parameter", resultCode::invalidParameter, 0x8002},
+    {" => Invalid Address", resultCode::invalidAddress, 0x8003},
+    {" => Address Write Protect", resultCode::writeProtect, 0x8004},
+    {" => Bad Alignement", resultCode::badAlignment, 0x8005},
+    {" => Access Denied", resultCode::accessDenied, 0x8006},
+    {" => Busy", resultCode::busy, 0x8007},
+    {" => Local Problem", resultCode::localProblem, 0x8008},
+    {" => Ack doesn't match MSG", resultCode::mismatch, 0x8009},
+    {" => Invalid Protocol Version", resultCode::invalidVersion, 0x800A},
+    {" => Msg Response Timeout", resultCode::timeout, 0x800B},
+    {" => The requested packet is not available anymore", resultCode::packetUnavailable, 0x800C},
+    {" => Device internal Memory Overrun", resultCode::memoryOverrun, 0x800D},
+    {" => Invalid Header", resultCode::invalidHeader, 0x800E},
+    {" => Generic Error", resultCode::generalError, 0x8FFF},
 };
 
-constexpr StatusEntry unknownStatus{0, " => Unknown Status Command", resultCode::notImplemented};
+constexpr StatusEntry unknownStatus{" => Unknown Status Command", resultCode::notImplemented, 0};
 
 constexpr std::size_t addressTextSize = 50;
 

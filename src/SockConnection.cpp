@@ -89,7 +89,8 @@ void CSockConnection::OpenSocket()
         ZU_LOG_GROUP(log, zuLogging::log_warn, ipConnectionFlag, "Unable to set receive buffer size: " << refused);
     if (const int refused = made->setSendBuffer(socketBufferSize); refused != 0)
         ZU_LOG_GROUP(log, zuLogging::log_warn, ipConnectionFlag, "Unable to set send buffer size: " << refused);
-    SetDontFragment(dontFragment.load(std::memory_order_relaxed));
+    // While the object is constructed this is its own, and no other is meant.
+    SetDontFragment(dontFragment.load(std::memory_order_relaxed)); // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall)
     if (broadcast.load(std::memory_order_relaxed))
         EnableBroadcast();
     if (reuseAddress.load(std::memory_order_relaxed))
