@@ -17,8 +17,8 @@ bool setCurrentThreadPriority(ThreadPriority priority);
 /// Asks for the highest priority that the system has, for a thread that this process has started. False if refused.
 bool setHighestPriority(boost::thread::native_handle_type thread);
 
-/// The name that a debugger shows, at most 15 characters. A thread that names itself without having asked for a priority
-/// also takes the level of the process's class: on Linux it starts with the level of the thread that made it.
+/// The name that a debugger shows, at most 15 characters. A thread that names itself without having asked for a
+/// priority also takes the level of the process's class: on Linux it starts with the level of the thread that made it.
 void nameCurrentThread(const char* name);
 
 /// The system's id of the calling thread.
