@@ -1,4 +1,5 @@
-// A client for the end-to-end tests: links the camera at argv[1] (host-order number), argv[2], says so, and waits.
+// A client for the end-to-end tests: links the camera at argv[1] (host-order number), argv[2], says so, and waits for a
+// line on standard input; with "read" it then reads a register.
 #include "client/GevClient.h"
 
 #include <cstdio>
@@ -6,7 +7,7 @@
 
 int main(int argc, char** argv)
 {
-    if (argc != 3)
+    if (argc < 3)
         return 2;
     try {
         zuGevClient::Connection connection;
@@ -17,6 +18,8 @@ int main(int argc, char** argv)
         std::puts("linked");
         std::fflush(stdout);
         std::getchar();
+        if (argc > 3)
+            std::printf("%u\n", connection.readRegister(0));
     } catch (const std::exception& failure) {
         std::puts(failure.what());
         return 1;
