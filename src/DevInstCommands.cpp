@@ -6,6 +6,7 @@
 #include "logging/log.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ios>
@@ -34,8 +35,9 @@ constexpr std::int32_t invalidParameter = -1009; ///< a length that leads out of
 class ZeroedBuffer {
 public:
     explicit ZeroedBuffer(std::uint64_t size)
-        : bytes_(static_cast<std::uint8_t*>(std::calloc(static_cast<std::size_t>(size == 0 ? 1 : size), 1)))
     {
+        if (size <= PTRDIFF_MAX)
+            bytes_ = static_cast<std::uint8_t*>(std::calloc(static_cast<std::size_t>(size == 0 ? 1 : size), 1));
         if (bytes_ == nullptr)
             throw std::bad_alloc();
     }
@@ -45,7 +47,7 @@ public:
     std::uint8_t* data() { return bytes_; }
 
 private:
-    std::uint8_t* bytes_;
+    std::uint8_t* bytes_ = nullptr;
 };
 
 void SetReplyBit(CDevInst::Message& message) { message.SetCommand(message.Command() | replyFlag); }

@@ -4,6 +4,8 @@
 
 #include "tests/support/child_process.h"
 
+#include <gtest/gtest.h>
+
 #include <csignal>
 #include <stdexcept>
 #include <string>
@@ -22,6 +24,23 @@ public:
         if (!process.waitForOutput("Instances: 0"))
             throw std::runtime_error("is another daemon running on this machine? This one said: " + process.output());
     }
+
+    /// A daemon that a test has left running is stopped, and ends well.
+    ~DaemonUnderTest()
+    {
+        auto end = process.wait(std::chrono::milliseconds(0));
+        if (!end.exited && end.status == 0) {
+            process.signal(SIGTERM);
+            end = process.wait(std::chrono::seconds(60));
+            EXPECT_TRUE(end.exited) << "the daemon ended by signal " << end.status << ": " << process.output();
+            EXPECT_EQ(end.status, 0) << process.output();
+        }
+        const std::string output = process.output();
+        EXPECT_EQ(output.find("Sanitizer"), std::string::npos) << output;
+        EXPECT_EQ(output.find("runtime error"), std::string::npos) << output;
+    }
+    DaemonUnderTest(const DaemonUnderTest&) = delete;
+    DaemonUnderTest& operator=(const DaemonUnderTest&) = delete;
 
     /// Asks for the status report and gives the number of instances in it.
     std::size_t instances()
