@@ -152,7 +152,7 @@ TEST(Races, StopInTheMiddleOfEverything)
         Connection& pending = linked(waiting);
         Connection& lost = linked(silent);
         silent.silence(milliseconds::max());
-        waiting.inject(Fault::pendingAck(milliseconds(300), 1000, 1000));
+        waiting.inject(Fault::pendingAck(milliseconds(300), 5, 1000));
         {
             std::vector<std::uint8_t> data(5000, 1);
             Worker registers([&] { reading.readRegister(gevsim::reg::version); });
