@@ -9,7 +9,7 @@ namespace zuIPCPipe {
 
 namespace {
 
-constexpr int maxAttempts = 3;
+constexpr int maxAttempts = 2;
 
 } // namespace
 
@@ -19,23 +19,22 @@ std::shared_ptr<CMgr> MakeClientManager()
     return std::make_shared<CMgr>();
 }
 
-// The daemon's dispatcher goes with the last instance on it. A dispatcher here that outlives that moment, because
-// somebody is about to connect through it, has lost its peer and is of no further use.
+// A dispatcher at hand may have lost its peer without notice; one that was made for this connection has not.
 std::shared_ptr<IMsgSrc> Connect(CMgr& manager, std::uint32_t timeout)
 {
     for (int attempt = 1;; ++attempt) {
         std::shared_ptr<CDispatcher> dispatcher;
         manager.GetDispatcher(dispatcher, zuPlatform::currentProcessId());
-        const bool used = dispatcher->SlotCount() != 0;
-        if (used && dispatcher->InstanceCount() == 0 && attempt < maxAttempts) {
-            dispatcher->Retire();
-            continue;
-        }
         try {
-            return dispatcher->Connect(timeout);
-        } catch (const IPCException&) {
+            if (std::shared_ptr<IMsgSrc> source = dispatcher->Connect(timeout))
+                return source;
+            // Its last connection ended just now: no attempt.
             dispatcher->Retire();
-            if (attempt >= maxAttempts || !(used || dispatcher->SlotCount() > 1))
+            --attempt;
+        } catch (const IPCException&) {
+            const bool shared = dispatcher->SlotCount() > 1;
+            dispatcher->Retire();
+            if (attempt == maxAttempts || !shared)
                 throw;
         }
     }

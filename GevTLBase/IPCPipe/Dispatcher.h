@@ -90,6 +90,7 @@ public:
     void ReleaseInstance(std::uint64_t index);
     void ConnectAbort(std::uint64_t index, boost::function<void()> abort);
     void AbortInstance(std::uint64_t index); ///< wakes whoever waits in ReadCmd or ReadAck for good
+    std::shared_ptr<InstanceInfo> Slot(std::uint64_t index) const; ///< null for a free one and past the end
     void WriteCmd(instance_msg& message, std::uint64_t index);
     void WriteAck(instance_msg& message, std::uint64_t index);
     bool ReadCmd(std::shared_ptr<instance_msg>& message, std::uint64_t index);
@@ -100,9 +101,14 @@ public:
     void HandleCmd(std::shared_ptr<instance_msg>& message);
     void HandleAck(std::shared_ptr<instance_msg>& message);
 
-    /// Client role: asks the peer for an instance and waits up to `timeout` milliseconds. Throws
-    /// `IPCTimeoutException` "Wait for Ack failed", `IPCSocketException`. Several threads may connect at once.
+    /// Client role: asks the peer for an instance and waits up to `timeout` milliseconds. Null if this dispatcher takes
+    /// no more, as its peer went with the last connection. Throws `IPCTimeoutException` "Wait for Ack failed",
+    /// `IPCSocketException`. Several threads may connect at once.
     std::shared_ptr<IMsgSrc> Connect(std::uint32_t timeout);
+
+    /// Client role: one connection that `Connect` has made is about to end. After the last the dispatcher takes no
+    /// more.
+    void Leave();
 
     /// Client role: ends the peer's dispatcher with all its instances, then this one. False if the peer did not answer
     /// within `timeout` milliseconds; this side is shut down all the same.
@@ -115,7 +121,7 @@ public:
     std::uint64_t InstanceCount() const { return instanceCount; }
     std::size_t SlotCount() const; ///< length of the instance vector, free slots included
     std::uint64_t MaxInstances() const { return maxInstances; }
-    void Retire() { maxInstances = 0; } ///< client role: no further instance is put here
+    void Retire() { maxInstances = 0; } ///< client role: takes no more instances
 
 private:
     friend struct zuTest::DispatcherProbe;
@@ -131,8 +137,9 @@ private:
     void AnswerDispatcherCmd(instance_msg& message);
     void SendFrom(instance_msg& message, const zuPlatform::SocketAddress& to);
     void AddBuffers(unsigned count);
-    std::shared_ptr<InstanceInfo> Slot(std::uint64_t index) const;
-    std::shared_ptr<instance_msg> Exchange(instance_msg& message, std::uint32_t timeout);
+    void SendRequest(instance_msg& message);
+    std::shared_ptr<instance_msg> AwaitAnswer(const instance_msg& message, std::uint32_t timeout);
+    bool Enter(instance_msg& message);
 
     std::atomic<bool> stopped{true};
     std::atomic<std::uint64_t> running{0};
@@ -165,8 +172,10 @@ private:
     std::uint64_t sendRetries = 5;
     std::mutex socketLock;
     std::mutex threadLock;
-    boost::mutex requestLock;     ///< client role: one dispatcher-level exchange at a time
-    std::uint32_t requestSeq = 0; ///< under `requestLock`
+    boost::mutex requestLock;      ///< client role: one dispatcher-level exchange at a time
+    std::uint32_t requestSeq = 0;  ///< under `requestLock`
+    std::mutex clientLock;         ///< client role: orders a request against the end of the last connection
+    std::uint64_t connections = 0; ///< client role, asked for or made; under `clientLock`
 };
 
 } // namespace zuIPCPipe

@@ -20,14 +20,17 @@ constexpr boost::chrono::milliseconds answerStep(250);
 
 } // namespace
 
-// Sends a message to the peer's dispatcher and waits for its acknowledge, known by flags and running number. The caller
-// holds `requestLock` and returns the answer to the pool.
-std::shared_ptr<instance_msg> CDispatcher::Exchange(instance_msg& message, std::uint32_t timeout)
+// Gives the message a number of its own and sends it. The caller holds `requestLock`.
+void CDispatcher::SendRequest(instance_msg& message)
 {
-    MsgHeader& header = message.header();
-    header.seq = ++requestSeq;
+    message.header().seq = ++requestSeq;
     WriteCmd(message, kNoIndex);
+}
 
+// Waits for the peer's answer to `message`, known by flags and number; the caller returns it to the pool.
+std::shared_ptr<instance_msg> CDispatcher::AwaitAnswer(const instance_msg& message, std::uint32_t timeout)
+{
+    const MsgHeader& header = message.header();
     const auto deadline = boost::chrono::steady_clock::now() + boost::chrono::milliseconds(timeout);
     std::shared_ptr<instance_msg> answer;
     boost::unique_lock<boost::mutex> lock(dispAckMutex);
@@ -47,6 +50,25 @@ std::shared_ptr<instance_msg> CDispatcher::Exchange(instance_msg& message, std::
     }
 }
 
+// The peer's dispatcher goes with its last instance, so a request and the end of the last connection must not cross:
+// either the request is on its way first, and its instance keeps the peer's dispatcher, or there is none.
+bool CDispatcher::Enter(instance_msg& message)
+{
+    const std::lock_guard<std::mutex> lock(clientLock);
+    if (maxInstances == 0 || running == 0)
+        return false;
+    SendRequest(message);
+    ++connections;
+    return true;
+}
+
+void CDispatcher::Leave()
+{
+    const std::lock_guard<std::mutex> lock(clientLock);
+    if (--connections == 0)
+        maxInstances = 0;
+}
+
 std::shared_ptr<IMsgSrc> CDispatcher::Connect(std::uint32_t timeout)
 {
     const boost::lock_guard<boost::mutex> request(requestLock);
@@ -59,7 +81,12 @@ std::shared_ptr<IMsgSrc> CDispatcher::Connect(std::uint32_t timeout)
         instance_msg message;
         message.header().flags = kMsgDispatcher | kMsgConnect;
         message.header().index = static_cast<std::uint32_t>(index);
-        std::shared_ptr<instance_msg> answer = Exchange(message, timeout);
+        if (!Enter(message)) {
+            instance->Release();
+            return nullptr;
+        }
+        instance->SetEntered();
+        std::shared_ptr<instance_msg> answer = AwaitAnswer(message, timeout);
         info->remoteIndex = answer->header().index;
         ReturnMsg(answer);
     } catch (...) {
@@ -81,7 +108,8 @@ bool CDispatcher::Terminate(std::uint32_t timeout)
         const boost::lock_guard<boost::mutex> request(requestLock);
         instance_msg message;
         message.header().flags = kMsgDispatcher | kMsgTerminate;
-        std::shared_ptr<instance_msg> answer = Exchange(message, timeout);
+        SendRequest(message);
+        std::shared_ptr<instance_msg> answer = AwaitAnswer(message, timeout);
         ReturnMsg(answer);
         answered = true;
     } catch (const std::exception&) {

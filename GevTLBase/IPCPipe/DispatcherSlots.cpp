@@ -207,6 +207,9 @@ bool CDispatcher::ReadAck(std::shared_ptr<instance_msg>& message, std::uint32_t 
     };
     if (take())
         return true;
+    // The wake-up of an abort that came before this wait is over.
+    if (info->aborted != 0)
+        return false;
     const auto deadline = boost::chrono::steady_clock::now() + boost::chrono::milliseconds(timeout);
     unsigned belated = info->ackNotices;
     for (;;) {

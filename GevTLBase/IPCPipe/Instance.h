@@ -58,6 +58,9 @@ public:
     /// Starts `ThreadProc`; once.
     void Start();
 
+    /// Client role: from now on the end of this instance is one of its dispatcher's connections less.
+    void SetEntered() { entered = true; }
+
 private:
     friend struct zuTest::DispatcherProbe;
 
@@ -67,6 +70,8 @@ private:
     void Terminated(CDispatcher& source, std::shared_ptr<instance_msg>& message);
     void LeaveOwnThread();
     void FireDisconnect();
+    void LeaveDispatcher();
+    void WakeThread();
     void FillPayload(instance_msg& message, const void* data, std::size_t length);
     std::shared_ptr<CDispatcher> Dispatcher() const;
     std::shared_ptr<CDispatcher> TakeDispatcher(bool& toRelease);
@@ -74,9 +79,11 @@ private:
 
     std::shared_ptr<CDispatcher> dispatcher; ///< null after Abort or Release; under `stateLock`
     const std::uint64_t index;
-    std::uint32_t seq = 0; ///< under `sendLock`
+    std::weak_ptr<CDispatcher::InstanceInfo> place; ///< what stood at `index` when this instance was made
+    std::uint32_t seq = 0;                          ///< under `sendLock`
     std::atomic<bool> disconnected{false};
     std::atomic<bool> notifyPending{true};
+    std::atomic<bool> entered{false};
     boost::recursive_mutex sendLock;       ///< held for a whole send, the wait included
     std::unique_ptr<boost::thread> thread; ///< under `stateLock`
     std::atomic<std::uint64_t> running{1};
@@ -87,7 +94,7 @@ private:
     zuLogging::logstate log;
     mutable std::mutex stateLock;
     bool released = false; ///< `Disconnect` has given the slot back; under `stateLock`
-    const std::shared_ptr<AbortLink> abortLink;
+    const std::shared_ptr<AbortLink> abortLink = std::make_shared<AbortLink>();
 };
 
 } // namespace zuIPCPipe

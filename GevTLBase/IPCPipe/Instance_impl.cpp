@@ -28,20 +28,21 @@ std::shared_ptr<CInstance> CInstance::Make(std::shared_ptr<CDispatcher> dispatch
 }
 
 CInstance::CInstance(Token, std::shared_ptr<CDispatcher> owner, std::uint64_t ownIndex)
-    : dispatcher(std::move(owner)), index(ownIndex), log(zuLogging::make_numbered_logstate("IPCINST")),
-      abortLink(std::make_shared<AbortLink>())
+    : dispatcher(std::move(owner)), index(ownIndex), log(zuLogging::make_numbered_logstate("IPCINST"))
 {
     // The signal may be fired while the last share goes elsewhere: who then comes too late finds nothing to abort.
-    if (dispatcher)
-        dispatcher->ConnectAbort(index, [link = abortLink] {
-            std::shared_ptr<CInstance> instance;
-            {
-                const std::lock_guard<std::mutex> lock(link->mutex);
-                instance = link->owner.lock();
-            }
-            if (instance)
-                instance->Abort();
-        });
+    if (!dispatcher)
+        return;
+    dispatcher->ConnectAbort(index, [link = abortLink] {
+        std::shared_ptr<CInstance> instance;
+        {
+            const std::lock_guard<std::mutex> lock(link->mutex);
+            instance = link->owner.lock();
+        }
+        if (instance)
+            instance->Abort();
+    });
+    place = dispatcher->Slot(index);
 }
 
 CInstance::~CInstance()
@@ -210,6 +211,7 @@ bool CInstance::IsConnected() { return !disconnected; }
 void CInstance::Disconnect()
 {
     ZU_LOG(log, zuLogging::log_info, "zuIPCPipe::CInstance::Disconnect " << static_cast<const void*>(this));
+    LeaveDispatcher();
     if (!disconnected) {
         try {
             SendFlags(kMsgControl | kMsgTerminate);
@@ -220,6 +222,7 @@ void CInstance::Disconnect()
     disconnected = true;
     running = 0;
     ZU_LOG(log, zuLogging::log_warn, "Waiting for instance thread to terminate ");
+    WakeThread();
     EndThread(TakeThread());
     ZU_LOG(log, zuLogging::log_warn, "Waiting for instance thread terminated");
 
@@ -235,6 +238,7 @@ void CInstance::Disconnect()
 
 void CInstance::Abort()
 {
+    LeaveDispatcher();
     FireDisconnect();
     disconnected = true;
     running = 0;
@@ -249,6 +253,7 @@ void CInstance::Abort()
 
 void CInstance::Release()
 {
+    LeaveDispatcher();
     FireDisconnect();
     disconnected = true;
     running = 0;
@@ -271,6 +276,27 @@ void CInstance::FireDisconnect()
         notifyPending = true;
         throw;
     }
+}
+
+// Spares a disconnect the rest of the thread's wait for a command.
+void CInstance::WakeThread()
+{
+    const std::shared_ptr<CDispatcher::InstanceInfo> info = place.lock();
+    if (!info)
+        return;
+    {
+        const boost::lock_guard<boost::mutex> lock(info->cmdMutex);
+        info->aborted = 1;
+    }
+    info->cmdCond.notify_one();
+}
+
+void CInstance::LeaveDispatcher()
+{
+    if (!entered.exchange(false))
+        return;
+    if (const std::shared_ptr<CDispatcher> own = Dispatcher())
+        own->Leave();
 }
 
 std::shared_ptr<CDispatcher> CInstance::Dispatcher() const

@@ -186,6 +186,41 @@ void Server::dropInstances()
     dropped.swap(state_->instances);
 }
 
+Bench::Bench(CDispatcher::NewInstance callback)
+{
+    const auto forget = [this](std::shared_ptr<CDispatcher> d) { forgotten.push_back(std::move(d)); };
+    if (callback)
+        dispatcher = CDispatcher::Make({}, forget, std::move(callback), zuPlatform::currentProcessId());
+    else
+        dispatcher = CDispatcher::Make({}, forget, zuPlatform::currentProcessId());
+    dispatcher->SetRemotePorts(cmd.port(), ack.port());
+}
+
+Bench::~Bench()
+{
+    forgotten.clear();
+    dispatcher->Shutdown();
+    dispatcher->JoinThreads();
+}
+
+std::shared_ptr<CInstance> Bench::addInstance(std::uint32_t remoteIndex, bool start)
+{
+    std::shared_ptr<CDispatcher::InstanceInfo> info;
+    const std::uint64_t index = dispatcher->AddInstance(info);
+    auto instance = CInstance::Make(dispatcher, index);
+    info->remoteIndex = remoteIndex;
+    for (int i = 0; i < 3; ++i)
+        DispatcherProbe::putToPool(*dispatcher, std::make_shared<instance_msg>());
+    if (start)
+        instance->Start();
+    return instance;
+}
+
+bool Bench::poolBecomes(std::size_t size)
+{
+    return eventually([&] { return DispatcherProbe::poolSize(*dispatcher) == size; });
+}
+
 IMsgSrc::MsgHandler echo(std::size_t length)
 {
     return [length](void*, std::size_t, std::size_t& replyLength, boost::function<void(unsigned int)>) {

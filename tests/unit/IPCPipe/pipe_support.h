@@ -39,8 +39,18 @@ struct DispatcherProbe {
         d.ReturnMsg(message);
     }
     static std::shared_ptr<Info> slot(zuIPCPipe::CDispatcher& d, std::uint64_t index) { return d.Slot(index); }
-    static void interruptCmdThread(zuIPCPipe::CDispatcher& d) { interrupt(d, d.cmdThread); }
-    static void interruptAckThread(zuIPCPipe::CDispatcher& d) { interrupt(d, d.ackThread); }
+    static zuPlatform::SocketPtr ackSocket(zuIPCPipe::CDispatcher& d)
+    {
+        const std::lock_guard<std::mutex> lock(d.socketLock);
+        return d.ackSock;
+    }
+    template <typename Dispatcher>
+    static std::shared_ptr<Dispatcher> make()
+    {
+        auto dispatcher = std::make_shared<Dispatcher>(zuIPCPipe::CDispatcher::Token());
+        dispatcher->Start();
+        return dispatcher;
+    }
     static bool running(const zuIPCPipe::CDispatcher& d) { return d.running != 0; }
     static bool stopped(const zuIPCPipe::CDispatcher& d) { return d.stopped; }
     static std::shared_ptr<zuIPCPipe::CDispatcher> dispatcherOf(zuIPCPipe::IMsgSrc& source)
@@ -56,13 +66,6 @@ struct DispatcherProbe {
         auto& instance = dynamic_cast<zuIPCPipe::CInstance&>(source);
         const std::lock_guard<std::mutex> lock(instance.stateLock);
         instance.thread->interrupt();
-    }
-
-private:
-    static void interrupt(zuIPCPipe::CDispatcher& d, std::unique_ptr<boost::thread>& thread)
-    {
-        const std::lock_guard<std::mutex> lock(d.threadLock);
-        thread->interrupt();
     }
 };
 
@@ -161,6 +164,24 @@ private:
     };
     std::shared_ptr<State> state_ = std::make_shared<State>();
     std::shared_ptr<zuIPCPipe::CMgrServer> manager_;
+};
+
+/// A dispatcher whose peer is two bare sockets, without any manager.
+struct Bench {
+    explicit Bench(zuIPCPipe::CDispatcher::NewInstance callback = {});
+    ~Bench();
+
+    /// A new instance whose index at the peer is `remoteIndex`; its thread runs.
+    std::shared_ptr<zuIPCPipe::CInstance> addInstance(std::uint32_t remoteIndex, bool start = true);
+    void command(const Bytes& data) { ack.send(data, dispatcher->CmdPort()); }
+    void acknowledge(const Bytes& data) { ack.send(data, dispatcher->AckPort()); }
+    /// Returns once both threads have taken the buffers that they wait with, and `size` are left.
+    bool poolBecomes(std::size_t size);
+
+    RawSocket cmd; ///< where the dispatcher sends commands
+    RawSocket ack; ///< where it sends acknowledges
+    std::vector<std::shared_ptr<zuIPCPipe::CDispatcher>> forgotten;
+    std::shared_ptr<zuIPCPipe::CDispatcher> dispatcher;
 };
 
 /// A handler that answers with the first `length` bytes of what came.
