@@ -25,8 +25,9 @@ struct Listed {
 };
 
 std::mutex bookMutex;
-std::list<Listed> InstanceList;
-std::deque<CDevInst*> GarbageQueue;
+// Never destroyed: what stands in them when the process ends is not deleted, and threads may still come here.
+auto& InstanceList = *new std::list<Listed>;
+auto& GarbageQueue = *new std::deque<CDevInst*>;
 
 zuLogging::logstate Log() { return zuLogging::get_logstate("Svc"); }
 
