@@ -161,7 +161,7 @@ void Channel::loseDaemon(const std::string& why)
 }
 
 /// After a silence: returns if the daemon lives and is in step again.
-void Channel::findOut(const std::string& what)
+void Channel::findOut(const char* what)
 {
     Reply reply;
     if (synchronise(reply))
@@ -170,12 +170,12 @@ void Channel::findOut(const std::string& what)
         loseDaemon("nothing answers any more");
     if (publishedPort() != attachment_.daemonPort)
         loseDaemon("another one has taken its place");
-    throw TimeoutError(what + ": the daemon lives, but does not answer on this connection");
+    throw TimeoutError(std::string(what) + ": the daemon lives, but does not answer on this connection");
 }
 
 void Channel::exchange(Request& request, Reply& reply, Milliseconds timeout, OnSilence onSilence)
 {
-    const std::string what = commandText(request.command());
+    const char* const what = commandText(request.command());
     if (lost_)
         throw DaemonLostError("The daemon is gone; a new connection is needed");
     if (outOfStep_)
@@ -189,12 +189,12 @@ void Channel::exchange(Request& request, Reply& reply, Milliseconds timeout, OnS
         }
         findOut(what);
         if (attempt != 0 && answered)
-            throw DaemonError(what + ": the daemon's reply belongs to another command");
+            throw DaemonError(std::string(what) + ": the daemon's reply belongs to another command");
         if (attempt != 0)
-            throw TimeoutError(what + ": the daemon did not answer in time");
+            throw TimeoutError(std::string(what) + ": the daemon did not answer in time");
     }
     if ((reply.command() & zuIPCPipe::replyFlag) == 0)
-        throw DaemonError(what + " failed within the daemon; its log tells why");
+        throw DaemonError(std::string(what) + " failed within the daemon; its log tells why");
 }
 
 Endpoint Channel::localAddress()

@@ -38,7 +38,7 @@ private:
     bool send(Request& request, Reply& reply, Milliseconds timeout);
     bool belongs(Request& request, Reply& reply);
     bool synchronise(Reply& reply);
-    void findOut(const std::string& what);
+    void findOut(const char* what);
     [[noreturn]] void loseDaemon(const std::string& why);
 
     std::shared_ptr<EventQueue> events_;

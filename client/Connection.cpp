@@ -68,7 +68,7 @@ bool LinkMode::isPrivileged() const { return value_ != monitorMode; }
 bool Daemon::isRunning(Milliseconds wait) { return daemonAnswers(publishedPort(), wait); }
 std::uint16_t Daemon::port() { return zuPlatform::networkToHost16(publishedPort()); }
 
-Connection::Connection() : impl_(std::make_shared<Impl>()) {}
+Connection::Connection() : impl_(std::make_shared<ConnectionImpl>()) {}
 Connection::~Connection()
 {
     if (impl_)
@@ -85,7 +85,7 @@ Connection& Connection::operator=(Connection&& other) noexcept
     return *this;
 }
 
-Connection::Impl& Connection::impl() const
+ConnectionImpl& Connection::impl() const
 {
     if (!impl_)
         throw ClosedError("The connection was moved from");

@@ -63,11 +63,11 @@ std::uint32_t milliseconds32(Milliseconds value, const char* what)
 
 } // namespace
 
-Connection::Impl::Impl() : channel_(std::make_unique<Channel>(events_)) {}
+ConnectionImpl::ConnectionImpl() : channel_(std::make_unique<Channel>(events_)) {}
 
-Connection::Impl::~Impl() { close(); }
+ConnectionImpl::~ConnectionImpl() { close(); }
 
-void Connection::Impl::close() noexcept
+void ConnectionImpl::close() noexcept
 {
     open_ = false;
     {
@@ -78,7 +78,7 @@ void Connection::Impl::close() noexcept
     events_->stop();
 }
 
-Channel& Connection::Impl::channel()
+Channel& ConnectionImpl::channel()
 {
     if (!channel_)
         throw ClosedError("The connection is closed");
@@ -86,7 +86,7 @@ Channel& Connection::Impl::channel()
 }
 
 // One more than asked for: a command of the heartbeat may be under way.
-Milliseconds Connection::Impl::budget(unsigned cameraCommands) const
+Milliseconds ConnectionImpl::budget(unsigned cameraCommands) const
 {
     const std::int64_t attempt = std::int64_t{ackTimeoutMs_} + drainAllowance;
     const std::int64_t attempts = std::int64_t{retries_} * (cameraCommands + 1);
@@ -94,12 +94,12 @@ Milliseconds Connection::Impl::budget(unsigned cameraCommands) const
     return Milliseconds(attempts > most / attempt ? most : attempts * attempt + margin);
 }
 
-void Connection::Impl::command(Request& request, Reply& reply, Milliseconds timeout, Channel::OnSilence onSilence)
+void ConnectionImpl::command(Request& request, Reply& reply, Milliseconds timeout, Channel::OnSilence onSilence)
 {
     channel().exchange(request, reply, timeout, onSilence);
 }
 
-void Connection::Impl::acknowledged(Request& request, Milliseconds timeout)
+void ConnectionImpl::acknowledged(Request& request, Milliseconds timeout)
 {
     Reply reply;
     command(request, reply, timeout);
@@ -107,7 +107,7 @@ void Connection::Impl::acknowledged(Request& request, Milliseconds timeout)
         throw DaemonError(std::string(commandText(request.command())) + " failed within the daemon");
 }
 
-void Connection::Impl::bind(const Endpoint& local)
+void ConnectionImpl::bind(const Endpoint& local)
 {
     const std::lock_guard<TurnLock> turn(turn_);
     Request request(zuIPCPipe::CmdBindSocket);
@@ -120,7 +120,7 @@ void Connection::Impl::bind(const Endpoint& local)
         throw DaemonError("The system refused the local address " + toString(local));
 }
 
-void Connection::Impl::setDestination(const Endpoint& camera)
+void ConnectionImpl::setDestination(const Endpoint& camera)
 {
     if (camera.address == 0 || camera.address == 0xFFFFFFFF || camera.port == 0)
         throw std::invalid_argument("A camera's address has neither address 0 nor 255.255.255.255, nor port 0");
@@ -130,13 +130,13 @@ void Connection::Impl::setDestination(const Endpoint& camera)
     acknowledged(request, budget(1));
 }
 
-Endpoint Connection::Impl::localAddress()
+Endpoint ConnectionImpl::localAddress()
 {
     const std::lock_guard<TurnLock> turn(turn_);
     return channel().localAddress();
 }
 
-bool Connection::Impl::link(LinkMode mode)
+bool ConnectionImpl::link(LinkMode mode)
 {
     const std::lock_guard<TurnLock> turn(turn_);
     Request request(zuIPCPipe::CmdLink);
@@ -151,7 +151,7 @@ bool Connection::Impl::link(LinkMode mode)
 }
 
 // The daemon says only that it failed. The privilege register is where the reason shows.
-void Connection::Impl::refuseLink(LinkMode mode)
+void ConnectionImpl::refuseLink(LinkMode mode)
 {
     std::int32_t status = Status::generalFailure;
     std::string detail;
@@ -179,20 +179,20 @@ void Connection::Impl::refuseLink(LinkMode mode)
                       status);
 }
 
-void Connection::Impl::giveBack()
+void ConnectionImpl::giveBack()
 {
     Request request(zuIPCPipe::CmdUnlink);
     acknowledged(request, budget(1 + commandsOfHeartbeatThread) + Milliseconds(2 * eventWait));
     privileged_ = false;
 }
 
-void Connection::Impl::unlink()
+void ConnectionImpl::unlink()
 {
     const std::lock_guard<TurnLock> turn(turn_);
     giveBack();
 }
 
-bool Connection::Impl::checkLink()
+bool ConnectionImpl::checkLink()
 {
     const std::lock_guard<TurnLock> turn(turn_);
     Request request(zuIPCPipe::CmdCheckLink);
@@ -201,13 +201,13 @@ bool Connection::Impl::checkLink()
     return reply.find<std::uint8_t>(zuIPCPipe::TagSuccess).value_or(0) != 0;
 }
 
-std::uint32_t Connection::Impl::readRegister(std::uint32_t address)
+std::uint32_t ConnectionImpl::readRegister(std::uint32_t address)
 {
     const std::lock_guard<TurnLock> turn(turn_);
     return fetchRegister(address);
 }
 
-std::uint32_t Connection::Impl::fetchRegister(std::uint32_t address)
+std::uint32_t ConnectionImpl::fetchRegister(std::uint32_t address)
 {
     Request request(zuIPCPipe::CmdReadReg);
     request.add(zuIPCPipe::TagAddress, std::uint64_t{address}).add(zuIPCPipe::TagSwapBytes, swapBytes);
@@ -221,7 +221,7 @@ std::uint32_t Connection::Impl::fetchRegister(std::uint32_t address)
     return *value;
 }
 
-void Connection::Impl::writeRegister(std::uint32_t address, std::uint32_t value)
+void ConnectionImpl::writeRegister(std::uint32_t address, std::uint32_t value)
 {
     const std::lock_guard<TurnLock> turn(turn_);
     Request request(zuIPCPipe::CmdWriteReg);
@@ -233,30 +233,29 @@ void Connection::Impl::writeRegister(std::uint32_t address, std::uint32_t value)
     requireSuccess(reply, "Writing register " + hexadecimal(address));
 }
 
-void Connection::Impl::read(std::uint32_t address, void* destination, std::size_t size)
+void ConnectionImpl::read(std::uint32_t address, void* destination, std::size_t size)
 {
     zuGevClient::readMemory(*this, address, destination, size);
 }
 
-void Connection::Impl::write(std::uint32_t address, const void* source, std::size_t size)
+void ConnectionImpl::write(std::uint32_t address, const void* source, std::size_t size)
 {
     zuGevClient::writeMemory(*this, address, source, size);
 }
 
-void Connection::Impl::readWords(std::uint32_t address, std::uint8_t* destination, std::size_t size)
+void ConnectionImpl::readWords(std::uint32_t address, std::uint8_t* destination, std::size_t size)
 {
     const std::lock_guard<TurnLock> turn(turn_);
     fetchWords(address, destination, size);
 }
 
-void Connection::Impl::writeWords(std::uint32_t address, const std::uint8_t* source, std::size_t size)
+void ConnectionImpl::writeWords(std::uint32_t address, const std::uint8_t* source, std::size_t size)
 {
     const std::lock_guard<TurnLock> turn(turn_);
     storeWords(address, source, size);
 }
 
-void Connection::Impl::patchWord(std::uint32_t address, std::size_t offset, const std::uint8_t* source,
-                                 std::size_t size)
+void ConnectionImpl::patchWord(std::uint32_t address, std::size_t offset, const std::uint8_t* source, std::size_t size)
 {
     const std::lock_guard<TurnLock> turn(turn_);
     std::array<std::uint8_t, 4> word{};
@@ -265,7 +264,7 @@ void Connection::Impl::patchWord(std::uint32_t address, std::size_t offset, cons
     storeWords(address, word.data(), word.size());
 }
 
-void Connection::Impl::fetchWords(std::uint32_t address, std::uint8_t* destination, std::size_t size)
+void ConnectionImpl::fetchWords(std::uint32_t address, std::uint8_t* destination, std::size_t size)
 {
     Request request(zuIPCPipe::CmdReadMem);
     request.add(zuIPCPipe::TagAddress, std::uint64_t{address}).add(zuIPCPipe::TagLength, std::uint64_t{size});
@@ -278,7 +277,7 @@ void Connection::Impl::fetchWords(std::uint32_t address, std::uint8_t* destinati
 }
 
 /// True if the camera may have left every attempt of a block unanswered, which the daemon reports as success.
-bool Connection::Impl::sendWords(std::uint32_t address, const std::uint8_t* source, std::size_t size)
+bool ConnectionImpl::sendWords(std::uint32_t address, const std::uint8_t* source, std::size_t size)
 {
     Request request(zuIPCPipe::CmdWriteMem);
     request.add(zuIPCPipe::TagAddress, std::uint64_t{address})
@@ -298,7 +297,7 @@ bool Connection::Impl::sendWords(std::uint32_t address, const std::uint8_t* sour
     return elapsedMs + 10 >= std::uint64_t{ackTimeoutMs_} * retries_;
 }
 
-void Connection::Impl::storeWords(std::uint32_t address, const std::uint8_t* source, std::size_t size)
+void ConnectionImpl::storeWords(std::uint32_t address, const std::uint8_t* source, std::size_t size)
 {
     std::array<std::uint8_t, memoryChunk> found;
     for (int attempt = 0; attempt < 2; ++attempt) {
@@ -313,7 +312,7 @@ void Connection::Impl::storeWords(std::uint32_t address, const std::uint8_t* sou
            Status::timeout);
 }
 
-void Connection::Impl::setAckTimeout(Milliseconds timeout)
+void ConnectionImpl::setAckTimeout(Milliseconds timeout)
 {
     const std::uint32_t value = milliseconds32(timeout, "The acknowledge timeout");
     if (value == 0)
@@ -325,7 +324,7 @@ void Connection::Impl::setAckTimeout(Milliseconds timeout)
     ackTimeoutMs_ = value;
 }
 
-void Connection::Impl::setRetries(std::uint32_t retries)
+void ConnectionImpl::setRetries(std::uint32_t retries)
 {
     if (retries == 0)
         throw std::invalid_argument("Without an attempt every command would fail");
@@ -336,7 +335,7 @@ void Connection::Impl::setRetries(std::uint32_t retries)
     retries_ = retries;
 }
 
-std::uint8_t Connection::Impl::tuning(Command number, Tag tag)
+std::uint8_t ConnectionImpl::tuning(Command number, Tag tag)
 {
     Request request(number);
     Reply reply;
@@ -347,7 +346,7 @@ std::uint8_t Connection::Impl::tuning(Command number, Tag tag)
     return *low;
 }
 
-Milliseconds Connection::Impl::ackTimeout()
+Milliseconds ConnectionImpl::ackTimeout()
 {
     const std::lock_guard<TurnLock> turn(turn_);
     if (tuning(zuIPCPipe::CmdGetAckTimeout, zuIPCPipe::TagAckTimeout) != (ackTimeoutMs_ & 0xFF))
@@ -355,7 +354,7 @@ Milliseconds Connection::Impl::ackTimeout()
     return Milliseconds(ackTimeoutMs_);
 }
 
-std::uint32_t Connection::Impl::retries()
+std::uint32_t ConnectionImpl::retries()
 {
     const std::lock_guard<TurnLock> turn(turn_);
     if (tuning(zuIPCPipe::CmdGetRetries, zuIPCPipe::TagRetries) != (retries_ & 0xFF))
@@ -363,7 +362,7 @@ std::uint32_t Connection::Impl::retries()
     return retries_;
 }
 
-Heartbeat Connection::Impl::setHeartbeat(Milliseconds timeout)
+Heartbeat ConnectionImpl::setHeartbeat(Milliseconds timeout)
 {
     const std::uint32_t value = milliseconds32(timeout, "The heartbeat timeout");
     const std::lock_guard<TurnLock> turn(turn_);
@@ -385,7 +384,7 @@ Heartbeat Connection::Impl::setHeartbeat(Milliseconds timeout)
     return now;
 }
 
-Heartbeat Connection::Impl::heartbeat()
+Heartbeat ConnectionImpl::heartbeat()
 {
     const std::lock_guard<TurnLock> turn(turn_);
     return fetchHeartbeat();
@@ -393,7 +392,7 @@ Heartbeat Connection::Impl::heartbeat()
 
 // The daemon's reply says nothing if the camera refuses, and may then be mistaken for an earlier one; so the register
 // is read first, which has a status, and must agree.
-Heartbeat Connection::Impl::fetchHeartbeat()
+Heartbeat ConnectionImpl::fetchHeartbeat()
 {
     for (int attempt = 0; attempt < 2; ++attempt) {
         const std::uint32_t timeout = fetchRegister(heartbeatTimeoutRegister);
@@ -407,6 +406,6 @@ Heartbeat Connection::Impl::fetchHeartbeat()
     throw DaemonError("The daemon could not read the heartbeat timeout");
 }
 
-void Connection::Impl::setEventHandler(EventHandler handler) { events_->setHandler(std::move(handler)); }
+void ConnectionImpl::setEventHandler(EventHandler handler) { events_->setHandler(std::move(handler)); }
 
 } // namespace zuGevClient

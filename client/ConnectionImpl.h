@@ -15,10 +15,10 @@
 namespace zuGevClient {
 
 /// Operations are those of Connection. Each takes `turn_` for as long as its commands belong together.
-class [[gnu::visibility("hidden")]] Connection::Impl final : private WordAccess {
+class ConnectionImpl final : private WordAccess {
 public:
-    Impl();
-    ~Impl() override;
+    ConnectionImpl();
+    ~ConnectionImpl() override;
 
     void close() noexcept;
     bool isOpen() const noexcept { return open_; }

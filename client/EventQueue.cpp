@@ -7,12 +7,11 @@ namespace zuGevClient {
 
 void EventQueue::push(Event event)
 {
-    {
-        const std::lock_guard<std::mutex> guard(mutex_);
-        if (stopping_ || !handler_ || (!events_.empty() && events_.back() == event))
-            return;
-        events_.push_back(event);
-    }
+    // Notified under the lock: the handler may drop the last share of this queue.
+    const std::lock_guard<std::mutex> guard(mutex_);
+    if (stopping_ || !handler_ || (!events_.empty() && events_.back() == event))
+        return;
+    events_.push_back(event);
     wake_.notify_one();
 }
 
@@ -37,8 +36,8 @@ void EventQueue::stop()
         const std::lock_guard<std::mutex> guard(mutex_);
         stopping_ = true;
         thread.swap(thread_);
+        wake_.notify_one();
     }
-    wake_.notify_one();
     if (!thread.joinable())
         return;
     if (thread.get_id() == std::this_thread::get_id())

@@ -83,6 +83,8 @@ public:
     static std::uint16_t port();
 };
 
+class ConnectionImpl;
+
 /// One camera link, held by the daemon for as long as this object exists. Movable; a moved-from or closed connection
 /// throws ClosedError. The typical order: setDestination, link, accesses, unlink.
 class ZU_GEV_CLIENT_API Connection {
@@ -104,6 +106,7 @@ public:
     /// port. Without a bind the socket is bound at the first command. Throws DaemonError if the system refused.
     void bind(const Endpoint& local);
     void setDestination(const Endpoint& camera);
+    /// All 0 before a bind.
     Endpoint localAddress();
 
     /// Takes the privilege and starts the heartbeat; without privilege it only prepares register access. True if
@@ -145,9 +148,8 @@ public:
     void ping();
 
 private:
-    class Impl;
-    Impl& impl() const;
-    std::shared_ptr<Impl> impl_;
+    ConnectionImpl& impl() const;
+    std::shared_ptr<ConnectionImpl> impl_;
 };
 
 } // namespace zuGevClient

@@ -23,7 +23,6 @@ int main(int argc, char** argv)
         const std::vector<std::uint8_t> model = connection.readMemory(0x0068, 32);
         std::printf("Model:     %s\n", std::string(model.begin(), model.end()).c_str());
         std::printf("Version:   0x%08X\n", connection.readRegister(0x0000));
-        std::printf("Local:     %s\n", toString(connection.localAddress()).c_str());
         const Heartbeat heartbeat = connection.heartbeat();
         std::printf("Heartbeat: %lld ms, read every %lld ms\n", static_cast<long long>(heartbeat.timeout.count()),
                     static_cast<long long>((heartbeat.timeout - heartbeat.margin).count()));

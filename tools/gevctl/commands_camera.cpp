@@ -160,11 +160,12 @@ void runCheck(const Options& options, const Surroundings& around)
     const bool confirmed = connection.link(options.access.value());
     const bool holds = connection.checkLink();
     const std::uint32_t privilege = connection.readRegister(privilegeRegister);
-    const Json result{{"camera", zuGevClient::toString(options.camera.value())},
-                      {"local", zuGevClient::toString(connection.localAddress())},
-                      {"confirmed", confirmed},
-                      {"holds", holds},
-                      {"privilege", hex32(privilege)}};
+    Json result{{"camera", zuGevClient::toString(options.camera.value())},
+                {"confirmed", confirmed},
+                {"holds", holds},
+                {"privilege", hex32(privilege)}};
+    if (options.local)
+        result["local"] = zuGevClient::toString(connection.localAddress());
     connection.unlink();
     if (options.json)
         print(around, result);

@@ -77,6 +77,7 @@ TEST(DaemonTest, aReplyThatComesTooLateIsNotTakenForTheNext)
     EXPECT_EQ(connection.readRegister(8), 88u);
     connection.writeRegister(0x10, 2);
     EXPECT_EQ(daemon.getRegister(0x10), 2u);
+    daemon.settle();
     EXPECT_EQ(calls, 2);
 }
 
@@ -93,6 +94,7 @@ TEST(DaemonTest, aReadIsRepeatedOnce)
         return false;
     });
     EXPECT_EQ(connection.readRegister(4), 44u);
+    daemon.settle();
     EXPECT_EQ(calls, 2);
 }
 
@@ -262,6 +264,7 @@ TEST(DaemonTest, closeWaitsForTheCommandInFlight)
     finish.set_value();
     writer.join();
     closer.join();
+    daemon.settle();
     EXPECT_EQ(daemon.getRegister(4), 1u);
     EXPECT_THROW(connection.readRegister(4), ClosedError);
 }

@@ -96,6 +96,7 @@ TEST_F(ClientEventTest, anEventIsAnsweredWhileACommandIsUnderWay)
     EXPECT_THAT(waitFor(1), ElementsAre(Event::connectionLost));
     finish.set_value();
     EXPECT_NO_THROW(unlinking.get());
+    daemon.settle();
 }
 
 TEST_F(ClientEventTest, theHandlerMayUseTheConnection)

@@ -11,6 +11,8 @@ struct ScriptedDaemon::State {
     mutable std::mutex mutex;
     std::map<std::uint32_t, Script> scripts;
     std::vector<Seen> seen;
+    std::size_t running = 0; ///< handlers
+    std::condition_variable idle;
     std::map<std::uint32_t, std::uint32_t> registers;
     std::map<std::uint32_t, std::uint8_t> memory;
     std::uint32_t localIp = 0;
@@ -103,12 +105,6 @@ void ScriptedDaemon::on(Command command, Script script)
     state_->scripts[command] = std::move(script);
 }
 
-void ScriptedDaemon::clearScripts()
-{
-    const std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->scripts.clear();
-}
-
 std::vector<Seen> ScriptedDaemon::seen() const
 {
     const std::lock_guard<std::mutex> lock(state_->mutex);
@@ -185,16 +181,28 @@ void ScriptedDaemon::handle(void* data, std::size_t capacity, std::size_t& lengt
     Script script;
     {
         const std::lock_guard<std::mutex> lock(state_->mutex);
+        ++state_->running;
         state_->seen.push_back({message.Command(), Bytes(message.Data(), message.Data() + message.Size())});
         const auto entry = state_->scripts.find(message.Command());
         if (entry != state_->scripts.end())
             script = entry->second;
     }
-    if (script && script(message, length, extend))
-        return;
+    const bool answered = script && script(message, length, extend);
+    script = nullptr;
     const std::lock_guard<std::mutex> lock(state_->mutex);
-    answer(message);
-    length = message.UsedLength();
+    if (!answered) {
+        answer(message);
+        length = message.UsedLength();
+    }
+    --state_->running;
+    state_->idle.notify_all();
+}
+
+void ScriptedDaemon::settle()
+{
+    std::unique_lock<std::mutex> lock(state_->mutex);
+    EXPECT_TRUE(state_->idle.wait_for(lock, std::chrono::seconds(20), [&] { return state_->running == 0; }));
+    state_->scripts.clear();
 }
 
 // As the daemon's command table has it, with a camera that grants everything.

@@ -33,12 +33,14 @@ public:
     ~ScriptedDaemon();
 
     void on(Command command, Script script);
-    void clearScripts();
 
     std::vector<Seen> seen() const;
     std::vector<std::uint32_t> commands() const;
     std::size_t count(Command command) const;
     void clearSeen();
+
+    /// Waits until the scripts of all commands so far have ended. For the end of a test whose scripts use what it owns.
+    void settle();
 
     /// Sends an event to the client of instance `number`, counted from 1, as the heartbeat thread does. True if it was
     /// answered with success within `timeoutMs`.
