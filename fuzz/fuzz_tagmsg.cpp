@@ -28,9 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (message.GetBinary(tag, out.data(), room) && room > capacity)
             std::abort();
     }
-    const std::uint64_t before = message.Size();
     const std::vector<std::uint8_t> value(size % 600, 0x5A);
-    if (message.AddBinary(TagMemData, value.data(), value.size()) && message.Size() <= before)
+    if (message.AddBinary(TagMemData, value.data(), value.size()) && message.UsedLength() > TagLayout::storage)
         std::abort();
     message.AddString(TagSuccess, "text");
     CTagMsg<TGevSvrTag> other;
