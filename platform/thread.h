@@ -10,8 +10,8 @@ namespace zuPlatform {
 enum class ThreadPriority { belowNormal, timeCritical };
 
 /// Changes the calling thread's priority. False if the system refuses; the thread then runs on as it was. On Linux
-/// `belowNormal` stands just under the process's class, and is refused while that was not granted: neither the thread nor
-/// those that it starts could ever come back up.
+/// `belowNormal` stands just under the process's class, and is refused while that was not granted: neither the thread
+/// nor those that it starts could ever come back up.
 bool setCurrentThreadPriority(ThreadPriority priority);
 
 /// Asks for the highest priority that the system has, for a thread that this process has started. False if refused.
