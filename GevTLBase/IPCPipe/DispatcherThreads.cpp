@@ -229,9 +229,9 @@ void CDispatcher::HandleConnect(std::shared_ptr<instance_msg>& message, const st
     }
     ReturnMsg(message);
 
-    // A shutdown that went through the table before this instance stood in it has missed it.
-    if (running == 0)
-        Shutdown();
+    // A shutdown that came too early for this instance or for its handlers has missed one of them.
+    if (running == 0 || !instance->IsConnected())
+        instance->Abort();
 }
 
 void CDispatcher::HandleAck(std::shared_ptr<instance_msg>& message)

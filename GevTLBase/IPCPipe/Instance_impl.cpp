@@ -249,6 +249,7 @@ void CInstance::Abort()
     const std::shared_ptr<CDispatcher> peer = TakeDispatcher(toRelease);
     if (toRelease)
         peer->ReleaseInstance(index);
+    FireDisconnect(); // for a handler that came meanwhile
 }
 
 void CInstance::Release()
@@ -265,10 +266,11 @@ void CInstance::Release()
         own->detach();
 }
 
-// Two threads can come here at once, and the handler must not be called by both. One that failed is called again.
+// Two threads can come here at once, and the handler must not be called by both. One that failed is called again, and
+// one that is not there yet still will be.
 void CInstance::FireDisconnect()
 {
-    if (!notifyPending.exchange(false))
+    if (disconnectSignal.empty() || !notifyPending.exchange(false))
         return;
     try {
         disconnectSignal();

@@ -165,6 +165,7 @@ TEST(InstanceSend, DropsWhatIsNeitherAnExtensionNorAnAcknowledge)
     ASSERT_TRUE(bench.cmd.receive());
     bench.acknowledge(message(0, 0, 1, 0, {1}));
     EXPECT_TRUE(bench.poolBecomes(2)) << "dropped, not returned";
+    EXPECT_TRUE(eventually([&] { return !DispatcherProbe::slot(*bench.dispatcher, 0)->ackPending; }));
     bench.acknowledge(message(kMsgAck, 0, 1, 0, {2}));
     EXPECT_EQ(send.words.get(), "");
     EXPECT_EQ(send.reply, Bytes{2});

@@ -188,7 +188,9 @@ void Server::dropInstances()
 
 Bench::Bench(CDispatcher::NewInstance callback)
 {
-    const auto forget = [this](std::shared_ptr<CDispatcher> d) { forgotten.push_back(std::move(d)); };
+    const auto forget = [this](std::shared_ptr<CDispatcher> d) {
+        forgotten += d->Pid() == zuPlatform::currentProcessId();
+    };
     if (callback)
         dispatcher = CDispatcher::Make({}, forget, std::move(callback), zuPlatform::currentProcessId());
     else
@@ -198,7 +200,6 @@ Bench::Bench(CDispatcher::NewInstance callback)
 
 Bench::~Bench()
 {
-    forgotten.clear();
     dispatcher->Shutdown();
     dispatcher->JoinThreads();
 }

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -178,9 +179,9 @@ struct Bench {
     /// Returns once both threads have taken the buffers that they wait with, and `size` are left.
     bool poolBecomes(std::size_t size);
 
-    RawSocket cmd; ///< where the dispatcher sends commands
-    RawSocket ack; ///< where it sends acknowledges
-    std::vector<std::shared_ptr<zuIPCPipe::CDispatcher>> forgotten;
+    RawSocket cmd;                 ///< where the dispatcher sends commands
+    RawSocket ack;                 ///< where it sends acknowledges
+    std::atomic<int> forgotten{0}; ///< calls of the manager's function, each for this dispatcher
     std::shared_ptr<zuIPCPipe::CDispatcher> dispatcher;
 };
 
