@@ -251,8 +251,8 @@ bool startService(ServiceHandle service)
         setServiceError(EALREADY);
         return false;
     }
-    if (facts.activeState == "failed")
-        opened->bus->resetFailedUnit(opened->unit);
+    // Whoever asks for a start means it, whatever has failed, and however often, before.
+    opened->bus->resetFailedUnit(opened->unit);
     if (failed(opened->bus->startUnit(opened->unit)))
         return false;
     // The process is made before this returns, and most services run by then.

@@ -15,7 +15,7 @@ machine_skip() {
 machine_possible() {
     local program
     [ "$(id -u)" = 0 ] || machine_skip "a systemd of its own needs root"
-    for program in unshare nsenter pivot_root; do
+    for program in unshare nsenter pivot_root setpriv; do
         command -v "$program" > /dev/null || machine_skip "$program is missing"
     done
     [ -x /lib/systemd/systemd ] || machine_skip "systemd isn't installed"
@@ -36,13 +36,20 @@ machine_possible() {
     rmdir "$probe"
 }
 
+# machine_own_mounts SCRIPT ARGUMENT...: goes on with the script in a mount namespace of its own, so that no mount is left
+# however it ends. The first call doesn't return, the second does nothing.
+machine_own_mounts() {
+    [ -n "${ZU_MACHINE_MOUNTS:-}" ] && return
+    ZU_MACHINE_MOUNTS=1 exec unshare -m --propagation private -- "$@"
+}
+
 # machine_boot FOLDER [BIND...]: boots to multi-user.target. FOLDER keeps what the machine writes, so that it can be
 # booted again; the folders BIND are seen by it, read-only.
 machine_boot() {
     machine_folder=$1
     shift
     mkdir -p "$machine_folder/upper" "$machine_folder/work" "$machine_folder/root"
-    unshare -fpmiuCn --mount-proc --kill-child -- bash -c "$(declare -f machine_first_process); machine_first_process \"\$@\"" \
+    setpriv --pdeathsig KILL unshare -fpmiuCn --mount-proc --kill-child -- bash -c "$(declare -f machine_first_process); machine_first_process \"\$@\"" \
         bash "$machine_folder" "$@" > "$machine_folder/console.log" 2>&1 &
     machine_unshare=$!
     local limit=$((SECONDS + 90)) state=
