@@ -34,21 +34,26 @@ protected:
     }
 };
 
+/// Appends each line of the text behind a blank.
+template <typename Char>
+void append_lines(std::basic_string<Char>& line, const Char* begin, const Char* end)
+{
+    while (begin < end) {
+        const Char* const line_end = std::find(begin, end, Char('\n'));
+        line += Char(' ');
+        line.append(begin, line_end);
+        begin = line_end == end ? end : line_end + 1;
+    }
+}
+
 template <typename Char>
 void write_line(detail::basic_textformatter<0>& formatter, const basic_msgstate& msg, const Char* begin,
                 const Char* end)
 {
-    constexpr std::size_t usual_prefix = 80;
     line_buffer<Char> line;
-    line.text.reserve(usual_prefix + static_cast<std::size_t>(end - begin));
     std::basic_ostream<Char> out(&line);
     formatter.prefix(out, msg);
-    while (begin != end) {
-        const Char* const line_end = std::find(begin, end, Char('\n'));
-        line.text += Char(' ');
-        line.text.append(begin, line_end);
-        begin = line_end == end ? end : line_end + 1;
-    }
+    append_lines(line.text, begin, end);
     formatter.inner->write(msg, line.text.data(), line.text.data() + line.text.size());
 }
 
@@ -72,17 +77,18 @@ const char* level_word(std::uint32_t level)
     }
 }
 
-std::string prefix_text(const basic_msgstate& msg)
+/// The prefix, with room for `more` characters behind it.
+std::string prefix_text(const basic_msgstate& msg, std::size_t more)
 {
+    constexpr std::size_t usual_prefix = 100;
     std::string text;
-    text.reserve(80);
+    text.reserve(usual_prefix + more);
     detail::append_timestamp(text, static_cast<const basic_timed_msgstate&>(msg).time);
     text += ' ';
-    const std::string path = msg.log.path();
-    if (!path.empty()) {
-        text += path;
+    const std::size_t before = text.size();
+    detail::append_path(*msg.log.node(), text);
+    if (text.size() != before)
         text += ' ';
-    }
     text += '[';
     if (msg.group != all_groups) {
         const std::string group = group_name(msg.group.value());
@@ -116,16 +122,23 @@ void basic_textformatter<0>::write(const basic_msgstate& msg, const char* begin,
 
 basic_dateformatter<0>::~basic_dateformatter() = default;
 
+void basic_dateformatter<0>::write(const basic_msgstate& msg, const char* begin, const char* end)
+{
+    std::string line = prefix_text(msg, begin < end ? static_cast<std::size_t>(end - begin) : 0);
+    append_lines(line, begin, end);
+    inner->write(msg, line.data(), line.data() + line.size());
+}
+
 void basic_dateformatter<0>::prefix(std::basic_ostream<wchar_t>& out, const basic_msgstate& msg)
 {
-    const std::string narrow = prefix_text(msg);
+    const std::string narrow = prefix_text(msg, 0);
     const std::wstring text = zuPlatform::utf8ToWide(narrow.data(), narrow.data() + narrow.size());
     out.write(text.data(), static_cast<std::streamsize>(text.size()));
 }
 
 void basic_dateformatter<0>::prefix(std::basic_ostream<char>& out, const basic_msgstate& msg)
 {
-    const std::string text = prefix_text(msg);
+    const std::string text = prefix_text(msg, 0);
     out.write(text.data(), static_cast<std::streamsize>(text.size()));
 }
 

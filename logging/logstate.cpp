@@ -23,6 +23,31 @@ namespace zuLogging {
 
 namespace {
 
+boost::mutex& root_name_mutex()
+{
+    static auto* const mutex = new boost::mutex;
+    return *mutex;
+}
+
+} // namespace
+
+namespace detail {
+
+void append_path(const inner_logstate& node, std::string& text)
+{
+    if (node.parent) {
+        text += node.path;
+        return;
+    }
+    const boost::shared_lock<boost::shared_mutex> lock(node.mutex);
+    const boost::lock_guard<boost::mutex> name_lock(root_name_mutex());
+    text += node.path;
+}
+
+} // namespace detail
+
+namespace {
+
 using node_ptr = std::shared_ptr<detail::inner_logstate>;
 using shared_lock = boost::shared_lock<boost::shared_mutex>;
 using unique_lock = boost::unique_lock<boost::shared_mutex>;
@@ -64,19 +89,11 @@ const node_ptr& fetch_root(const std::string& name)
     return root_slot();
 }
 
-boost::mutex& root_name_mutex()
-{
-    static auto* const mutex = new boost::mutex;
-    return *mutex;
-}
-
 std::string node_path(const node_ptr& node)
 {
-    const shared_lock lock(node->mutex);
-    if (node->parent)
-        return node->path;
-    const boost::lock_guard<boost::mutex> name_lock(root_name_mutex());
-    return node->path;
+    std::string path;
+    detail::append_path(*node, path);
+    return path;
 }
 
 std::string child_path(const std::string& parent, const std::string& piece)

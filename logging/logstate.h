@@ -41,14 +41,18 @@ inline constexpr std::size_t cache_line = 64;
 /// One node of the tree. A node keeps its ancestors alive; a parent only knows its children.
 struct inner_logstate {
     std::shared_ptr<inner_logstate> parent;
-    std::string path; ///< full dotted path; the root's, which can change, is under a lock of its own besides
+    std::string path; ///< full dotted path; fixed, but for the root's
     /// Relaxed, so that a disabled message takes no lock, and on a cache line that nothing else writes to.
     alignas(cache_line) std::atomic<std::uint32_t> levels{0};
     std::atomic<std::uint64_t> groups{~std::uint64_t{0}};
     /// By path component; under the tree mutex.
     alignas(cache_line) std::map<std::string, std::weak_ptr<inner_logstate>> children;
-    mutable boost::shared_mutex mutex; ///< guards `path`, `levels` and `groups`; inside the tree mutex
+    /// Guards the root's `path` together with a leaf lock, and `levels` and `groups`. Inside the tree mutex.
+    mutable boost::shared_mutex mutex;
 };
+
+/// Appends the node's path to `text`. Only the root's takes a lock.
+void append_path(const inner_logstate& node, std::string& text);
 
 } // namespace detail
 

@@ -4,6 +4,9 @@
 #include "logging/logtarget.h"
 #include "logging/timestamp.h"
 
+#include <string_view>
+#include <typeinfo>
+
 namespace zuLogging {
 
 basic_msgstate::~basic_msgstate() = default;
@@ -25,7 +28,7 @@ basic_logbuf<char>::~basic_logbuf()
 
 int basic_logbuf<char>::sync()
 {
-    const std::string text = str();
+    const std::string_view text = view();
     const bool enabled = state.log.is_enabled(state.level, state.group);
     if (!text.empty()) {
         if (enabled) {
@@ -55,8 +58,12 @@ namespace {
 
 basic_msgstate* state_of(std::basic_ostream<char>& stream)
 {
-    auto* const buffer = dynamic_cast<basic_logbuf<char>*>(stream.rdbuf());
-    return buffer != nullptr ? &buffer->state : nullptr;
+    std::streambuf* const buffer = stream.rdbuf();
+    // Nearly always it is the class itself, which is told faster than by a cast.
+    if (buffer != nullptr && typeid(*buffer) == typeid(basic_logbuf<char>))
+        return &static_cast<basic_logbuf<char>*>(buffer)->state;
+    auto* const derived = dynamic_cast<basic_logbuf<char>*>(buffer);
+    return derived != nullptr ? &derived->state : nullptr;
 }
 
 std::basic_ostream<char>& at_level(std::basic_ostream<char>& stream, std::uint32_t level)

@@ -40,10 +40,15 @@ void LogMessageDispatcher::send_text(const basic_msgstate& msg, const Char* begi
 {
     const bool plain = msg.records.empty();
     const std::uint64_t sequence = (plain ? plain_count_ : records_count_).fetch_add(1, std::memory_order_relaxed) + 1;
+    text_bytes text = checked_text(begin, end);
+    std::u16string utf16;
+    if constexpr (sizeof(Char) > sizeof(char16_t)) {
+        utf16 = zuPlatform::wideToUtf16(begin, end);
+        text = checked_text(utf16.data(), utf16.data() + utf16.size());
+    }
     packet buffer;
-    const std::size_t size =
-        build_message(buffer, plain ? command_message : command_message_records, make_request_id(), sequence,
-                      plain ? plain_pattern_ : records_pattern_, msg, checked_text(begin, end));
+    const std::size_t size = build_message(buffer, plain ? command_message : command_message_records, make_request_id(),
+                                           sequence, plain ? plain_pattern_ : records_pattern_, msg, text);
     put_field(buffer.data(), packet_header::flags, message_flag);
     for (unsigned i = 0; i < attempts; ++i)
         if (socket_->sendTo(buffer.data(), size, address_).count >= 0)
@@ -53,16 +58,7 @@ void LogMessageDispatcher::send_text(const basic_msgstate& msg, const Char* begi
 
 void LogMessageDispatcher::send(const basic_msgstate& msg, const wchar_t* begin, const wchar_t* end)
 {
-    if constexpr (sizeof(wchar_t) == sizeof(char16_t)) {
-        send_text(msg, begin, end);
-    } else {
-        if (begin == nullptr || end == nullptr || begin > end) {
-            send_text(msg, begin, end); // throws
-            return;
-        }
-        const std::u16string text = zuPlatform::wideToUtf16(begin, end);
-        send_text(msg, text.data(), text.data() + text.size());
-    }
+    send_text(msg, begin, end);
 }
 
 void LogMessageDispatcher::send(const basic_msgstate& msg, const char* begin, const char* end)

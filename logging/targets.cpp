@@ -81,6 +81,8 @@ basic_file_target<Mutex>::~basic_file_target() = default;
 template <typename Mutex>
 void basic_file_target<Mutex>::write(const basic_msgstate& msg, const wchar_t* begin, const wchar_t* end)
 {
+    if (begin >= end)
+        return;
     const std::string text = zuPlatform::wideToUtf8(begin, end);
     basic_file_target::write(msg, text.data(), text.data() + text.size());
 }

@@ -2,6 +2,7 @@
 // of a line. Any thread.
 #include "logging/timestamp.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -17,11 +18,36 @@ std::atomic<clock_function> testing_clock{nullptr};
 constexpr std::array<const char*, 12> month_names = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
-char* put_digits(char* at, std::uint64_t value, unsigned digits)
+char* put_digits(char* at, std::uint32_t value, unsigned digits)
 {
     for (unsigned i = digits; i-- > 0; value /= 10)
         at[i] = static_cast<char>('0' + value % 10);
     return at + digits;
+}
+
+constexpr std::size_t date_size = 11;
+
+/// A day as text, kept for each thread: taking a date apart costs more than the rest of a time stamp.
+struct dated_text {
+    std::uint32_t day;
+    char text[date_size];
+};
+
+const char* date_text(const boost::gregorian::date& date)
+{
+    thread_local dated_text last{0, {}};
+    const std::uint32_t day = date.day_number();
+    if (last.day != day) {
+        const auto parts = date.year_month_day();
+        char* at = put_digits(last.text, parts.year, 4);
+        *at++ = '-';
+        for (const char* month = month_names[parts.month.as_number() - 1u]; *month != 0; ++month)
+            *at++ = *month;
+        *at++ = '-';
+        put_digits(at, parts.day.as_number(), 2);
+        last.day = day;
+    }
+    return last.text;
 }
 
 } // namespace
@@ -43,18 +69,12 @@ void append_timestamp(std::string& text, const boost::posix_time::ptime& time)
         text += time.is_pos_infinity() ? "+infinity" : time.is_neg_infinity() ? "-infinity" : "not-a-date-time";
         return;
     }
-    const auto date = time.date().year_month_day();
     const auto day_ticks = static_cast<std::uint64_t>(time.time_of_day().total_microseconds());
-    const std::uint64_t seconds = day_ticks / 1'000'000;
-    const std::uint64_t fraction = day_ticks % 1'000'000;
+    const auto seconds = static_cast<std::uint32_t>(day_ticks / 1'000'000);
+    const auto fraction = static_cast<std::uint32_t>(day_ticks % 1'000'000);
 
-    std::array<char, 27> buffer;
-    char* at = put_digits(buffer.data(), date.year, 4);
-    *at++ = '-';
-    for (const char* month = month_names[static_cast<std::size_t>(date.month.as_number() - 1)]; *month != 0; ++month)
-        *at++ = *month;
-    *at++ = '-';
-    at = put_digits(at, date.day.as_number(), 2);
+    std::array<char, date_size + 16> buffer;
+    char* at = std::copy_n(date_text(time.date()), date_size, buffer.data());
     *at++ = ' ';
     at = put_digits(at, seconds / 3600, 2);
     *at++ = ':';

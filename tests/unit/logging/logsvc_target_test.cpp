@@ -253,6 +253,8 @@ TEST_F(LogSvcTarget, WideTextIsUtf16)
     write(target, msg, std::wstring());
     EXPECT_EQ(lastSent(), messagePacket(0x0101, packetId, 2, 0, plainHead(msg).element(1, "", 1).element(6, "").bytes));
     EXPECT_THROW(write(target, msg, std::wstring(1, static_cast<wchar_t>(0xDC00))), base2::character_conversion_error);
+    write(target, msg, std::string());
+    EXPECT_EQ(fieldOf(lastSent(), 16, 8), 4u);
 }
 
 TEST_F(LogSvcTarget, WideTextIsCutByBytes)
