@@ -1,7 +1,10 @@
 // The console target, on a scripted console.
 #include "logging/console.h"
 
+#include "logging/config.h"
+#include "logging/log.h"
 #include "tests/unit/logging/fake_console.h"
+#include "tests/unit/logging/fake_log_service.h"
 #include "tests/unit/logging/support.h"
 
 using namespace zuLogging;
@@ -191,4 +194,24 @@ TEST_F(Console, ASystemErrorWithoutWordsHasItsNumber)
 {
     EXPECT_STREQ(zuLogging::system_error(4711).what(), "Error 4711");
     EXPECT_EQ(zuLogging::system_error(4711).code, 4711u);
+}
+
+TEST_F(Console, AProcessThatIsConfiguredForItAllocatesAndMinimisesOne)
+{
+    ZU_IN_FRESH_PROCESS({
+        useOwnObjectNames();
+        const FakeLogService service("{\"destination\":\"console\",\"level\":\"info\"}");
+        fake.info.maxWidth = fake.info.maxHeight = 30;
+        EXPECT_TRUE(configure_logging("GEVSVC", "", boost::property_tree::ptree()));
+        EXPECT_THAT(takeCalls(), ElementsAre("allocate", "setBufferSize 80 9000", "setWindow 0 0 29 24", "minimise"));
+        logstate log = make_numbered_logstate("Test");
+        ZU_LOG(log, log_err, "the text");
+        const auto calls = takeCalls();
+        ASSERT_EQ(calls.size(), 4u);
+        EXPECT_EQ(calls[0], "setAttribute 12");
+        EXPECT_THAT(calls[1], testing::MatchesRegex("write 20.* GEVSVC\\.Test\\.0 \\[err\\] the text"));
+        EXPECT_EQ(calls[3], "write \n");
+        clear_targets();
+        EXPECT_THAT(takeCalls(), ElementsAre("release"));
+    });
 }
