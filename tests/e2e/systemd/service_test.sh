@@ -77,6 +77,11 @@ link_camera() {
     in_machine systemd-run --quiet --collect --unit=viewer --uid=nobody gevctl watch -c $camera
     within 20 "the camera is linked" camera_is_held
 }
+end_client() {
+    in_machine systemctl kill -s KILL viewer.service
+    in_machine systemctl stop viewer.service
+    in_machine systemctl reset-failed viewer.service
+} 2> /dev/null
 camera_is_held() { in_machine gevctl -q --json reg read -c $camera 0x0A00 | grep -q '"value": *[1-9]'; }
 
 step "packages"
@@ -124,8 +129,7 @@ echo "stopping took $took ms"
 is_gone || fail "it still runs after --stop"
 [ "$(property zuGevSvc.service Result)" = success ] || fail "it did not stop well: $(property zuGevSvc.service Result)"
 within 20 "the camera is released" released_more_than "$before" || trace
-in_machine systemctl kill -s KILL viewer.service 2> /dev/null
-in_machine systemctl reset-failed viewer.service 2> /dev/null
+end_client
 
 step "stop when stopped, start, start when running"
 expect "Stop Service successful" zuGevSvc --stop
@@ -167,8 +171,7 @@ in_machine kill -KILL "$pid"
 restarted() { is_active zuGevSvc.service && [ "$(property zuGevSvc.service MainPID)" != "$pid" ]; }
 within 30 "systemd starts it again" restarted
 [ "$(property zuGevSvc.service NRestarts)" = 1 ] || fail "it was restarted $(property zuGevSvc.service NRestarts) times"
-in_machine systemctl kill -s KILL viewer.service 2> /dev/null
-in_machine systemctl reset-failed viewer.service 2> /dev/null
+end_client
 within 30 "a client is served again" in_machine gevctl -q reg read -c $camera 0x0A00
 
 step "the journal has the lines"
