@@ -12,9 +12,6 @@ using zuGevClient::Connection;
 
 namespace {
 
-/// Between two looks at the stop flag.
-constexpr std::size_t pieceSize = 16 * 1664;
-
 int complain(const Options& options, const Surroundings& around, int code, const char* kind, const std::string& text,
              const std::int32_t* status = nullptr)
 {

@@ -21,6 +21,9 @@ struct Surroundings {
     const std::atomic<bool>& stop; ///< set when the command is to end early
 };
 
+/// Bytes of a transfer between two looks at the stop flag: sixteen of the library's commands.
+inline constexpr std::size_t pieceSize = std::size_t{16} * 1664;
+
 /// Ended early, on request.
 class Interrupted : public std::runtime_error {
 public:

@@ -14,8 +14,6 @@ using zuGevClient::Connection;
 
 namespace {
 
-constexpr std::size_t pieceSize = 16 * 1664;
-
 // Registers of the standard's bootstrap map.
 constexpr std::uint32_t firstUrl = 0x0200;
 constexpr std::uint32_t secondUrl = 0x0400;
