@@ -1,5 +1,6 @@
 // Measures the running daemon against bare processes in the same run. Prints one table for each section.
 #include "bench/bare.h"
+#include "bench/measure.h"
 #include "bench/process.h"
 #include "bench/raw_pipe.h"
 
@@ -9,7 +10,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -49,47 +49,6 @@ struct Server {
     std::unique_ptr<Udp> socket;
     std::uint16_t port = 0;
     Process process;
-};
-
-Process startDaemon(const std::string& program)
-{
-    bool present = true;
-    std::uint16_t before = 0;
-    try {
-        before = daemonPort();
-    } catch (const std::exception&) {
-        present = false;
-    }
-    Process daemon = Process::execute({program, "--execute"});
-    const double deadline = nowSeconds() + 10;
-    for (;;) {
-        try {
-            const std::uint16_t port = daemonPort();
-            if (!present || port != before)
-                return daemon;
-        } catch (const std::exception&) {
-        }
-        if (nowSeconds() > deadline)
-            throw std::runtime_error("the daemon didn't start; is another one running?");
-        ::usleep(20000);
-    }
-}
-
-struct Latencies {
-    std::vector<double> microseconds;
-    void take(unsigned count, const std::function<void()>& access)
-    {
-        for (unsigned i = 0; i < count; ++i) {
-            const double start = nowSeconds();
-            access();
-            microseconds.push_back((nowSeconds() - start) * 1e6);
-        }
-    }
-    double percentile(double part)
-    {
-        std::sort(microseconds.begin(), microseconds.end());
-        return microseconds[static_cast<std::size_t>(part * static_cast<double>(microseconds.size() - 1))];
-    }
 };
 
 void access(const Options& options)
@@ -255,7 +214,7 @@ void connectTime(const Options& options)
             RawPipe::Message message;
             message.SetCommand(zuIPCPipe::CmdGetRetries);
             pipe.exchange(message);
-            latencies.microseconds.push_back((nowSeconds() - start) * 1e6);
+            latencies.add((nowSeconds() - start) * 1e6);
             pipe.disconnect();
         };
         for (unsigned batch = 0; batch < options.batches; ++batch)
@@ -347,7 +306,7 @@ int main(int argc, char** argv)
 {
     namespace po = boost::program_options;
     Options options;
-    options.daemon = (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "zuGevSvc").string();
+    options.daemon = daemonBesideThisProgram();
     std::string affinity = "both";
     po::options_description description("Measures the daemon against bare processes in the same run");
     description.add_options()("help,h", "print this")("daemon",

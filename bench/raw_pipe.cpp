@@ -115,6 +115,13 @@ void RawPipe::link(std::uint16_t cameraPort)
         throw std::runtime_error("link failed");
 }
 
+void RawPipe::unlink()
+{
+    Message message;
+    message.SetCommand(CmdUnlink);
+    exchange(message);
+}
+
 void RawPipe::readReg(std::uint32_t address)
 {
     Message message;

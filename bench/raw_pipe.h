@@ -25,6 +25,7 @@ public:
     void exchange(Message& message);
     /// Binds nothing, sets the destination and links with control.
     void link(std::uint16_t cameraPort);
+    void unlink();
     void readReg(std::uint32_t address);
     /// One CmdReadMem.
     void readMem(std::uint32_t address, std::uint32_t length);
