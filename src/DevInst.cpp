@@ -85,7 +85,7 @@ bool CDevInst::TryRetire() { return gate->TryClose(); }
 
 void CDevInst::OnClientDisconnect()
 {
-    clientGone.store(true, std::memory_order_relaxed);
+    clientGone = true;
     LinkShutdown();
     onClientGone(this);
 }

@@ -67,7 +67,6 @@ public:
 private:
     struct Access;
 
-    void Dispatch(Message& message, Control& control, std::uint64_t& length);
     bool Perform(Message& message, Control& control);
     void DoLink(Message& message, Control& control);
     void DoReadReg(Message& message, Control& control);
@@ -90,7 +89,7 @@ private:
     Callback onDestroyed;
 
     boost::mutex clientMutex;            ///< guards `client` alone: the destructor meets the heartbeat thread there
-    std::atomic<bool> clientGone{false}; ///< ends a long memory access between two chunks
+    std::atomic<bool> clientGone{false}; ///< ends a long memory access between two chunks, and a link that came late
     std::shared_ptr<CallGate> gate;
 };
 

@@ -120,6 +120,7 @@ void CDevInst::OnMessage(void* data, std::uint64_t capacity, std::uint64_t& leng
     if (!IsFrequent(command))
         ZU_LOG(log, log_debug, " Devinst " << static_cast<const void*>(this) << " got cmd " << command);
     if (Perform(message, *held)) {
+        message.Completed() = true;
         length = message.UsedLength();
         ZU_LOG(log, log_debug, "IPC Cmd Done " << static_cast<const void*>(this));
     }
@@ -238,6 +239,9 @@ void CDevInst::DoLink(Message& message, Control& link)
     } catch (...) {
         success = false;
     }
+    // Nobody else gives the camera back if the client went before it was taken.
+    if (clientGone)
+        LinkShutdown();
     std::uint8_t state = 0;
     try {
         state = link.HasCcp() ? 1 : 0;
@@ -327,7 +331,7 @@ void CDevInst::DoWriteReg(Message& message, Control& link)
 /// A client that is gone gets no answer any more: its remaining accesses would only keep the camera.
 void CDevInst::RequireClient() const
 {
-    if (clientGone.load(std::memory_order_relaxed))
+    if (clientGone)
         throw std::runtime_error("client disconnected");
 }
 
@@ -365,8 +369,8 @@ void CDevInst::DoReadMem(Message& message, Control& link)
     bool success = true;
     const auto length = Read<std::uint64_t>(message, TagLength);
     Access access{Read<std::uint64_t>(message, TagAddress), length, nullptr, PendingAckFor(message)};
+    ZeroedBuffer buffer(length);
     try {
-        ZeroedBuffer buffer(length);
         access.position = buffer.data();
         ReadMemory(link, access);
         message.AddBinary(TagMemData, buffer.data(), static_cast<std::size_t>(length));
@@ -417,8 +421,8 @@ void CDevInst::DoWriteMem(Message& message, Control& link)
 {
     bool success = true;
     Access access{0, 0, nullptr, PendingAckFor(message)};
+    ZeroedBuffer buffer(writeBufferSize);
     try {
-        ZeroedBuffer buffer(writeBufferSize);
         access.address = Read<std::uint64_t>(message, TagAddress);
         access.left = Read<std::uint64_t>(message, TagLength);
         access.position = buffer.data();

@@ -1,5 +1,5 @@
-// Bookkeeping of device instances. `bookMutex` guards both containers and is held neither across a deletion nor across
-// logging.
+// Bookkeeping of device instances. `bookMutex` guards what follows it and is held neither across a deletion nor across
+// logging; `collectMutex` is outside of it.
 #include "src/InstanceBook.h"
 
 #include "logging/log.h"
@@ -10,6 +10,7 @@
 #include <list>
 #include <mutex>
 #include <ostream>
+#include <sstream>
 
 namespace zuGevDaemon {
 
@@ -28,6 +29,7 @@ std::mutex bookMutex;
 // Never destroyed: what stands in them when the process ends is not deleted, and threads may still come here.
 auto& InstanceList = *new std::list<Listed>;
 auto& GarbageQueue = *new std::deque<CDevInst*>;
+std::size_t BirthsUnderWay = 0; ///< instances whose constructor may have run but which aren't listed yet
 
 zuLogging::logstate Log() { return zuLogging::get_logstate("Svc"); }
 
@@ -37,13 +39,37 @@ std::size_t GarbageSize()
     return GarbageQueue.size();
 }
 
+bool IsListed(const CDevInst* instance)
+{
+    return std::any_of(InstanceList.begin(), InstanceList.end(),
+                       [instance](const Listed& entry) { return entry.instance == instance; });
+}
+
+/// Holds back the deletion of an instance whose client goes before the instance stands in the list.
+class Birth {
+public:
+    Birth()
+    {
+        const std::lock_guard lock(bookMutex);
+        ++BirthsUnderWay;
+    }
+    ~Birth()
+    {
+        const std::lock_guard lock(bookMutex);
+        --BirthsUnderWay;
+    }
+    Birth(const Birth&) = delete;
+    Birth& operator=(const Birth&) = delete;
+};
+
 /// The front of the queue, retired; null if it is empty, or if a call is inside each of the `candidates` at its front.
 CDevInst* RetireFront(std::size_t& candidates)
 {
     const std::lock_guard lock(bookMutex);
     for (; candidates > 0 && !GarbageQueue.empty(); --candidates) {
         CDevInst* const front = GarbageQueue.front();
-        if (front == nullptr || front->TryRetire())
+        const bool unborn = BirthsUnderWay != 0 && !IsListed(front);
+        if (front == nullptr || (!unborn && front->TryRetire()))
             return front;
         GarbageQueue.pop_front();
         GarbageQueue.push_back(front);
@@ -67,8 +93,9 @@ std::mutex collectMutex;
 
 void OnClientConnect(std::shared_ptr<zuIPCPipe::IMsgSrc> client)
 {
-    auto* const instance = new CDevInst(std::move(client), &AddToGarbage, &RemoveInstance);
     {
+        const Birth birth;
+        auto* const instance = new CDevInst(std::move(client), &AddToGarbage, &RemoveInstance);
         const std::lock_guard lock(bookMutex);
         InstanceList.push_back({instance});
     }
@@ -118,13 +145,20 @@ std::size_t InstanceCount()
 
 void PrintStatus(std::ostream& out)
 {
-    out << ".... Status:\n";
-    const std::lock_guard lock(bookMutex);
-    out << "Instances: " << InstanceList.size() << "\n";
-    for (const Listed& entry : InstanceList)
-        if (!entry.dying)
-            out << "ID: " << entry.instance->GetId();
-    out << "\n" << std::flush;
+    // Whoever reads the report may be slow, and clients come and go meanwhile.
+    std::ostringstream report;
+    report << ".... Status:\n";
+    try {
+        const std::lock_guard lock(bookMutex);
+        report << "Instances: " << InstanceList.size() << "\n";
+        for (const Listed& entry : InstanceList)
+            if (!entry.dying)
+                report << "ID: " << entry.instance->GetId();
+    } catch (...) {
+        out << report.str() << std::flush;
+        throw;
+    }
+    out << report.str() << "\n" << std::flush;
 }
 
 } // namespace zuGevDaemon

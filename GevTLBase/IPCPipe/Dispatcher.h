@@ -11,6 +11,7 @@
 #include "platform/socket.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -43,8 +44,9 @@ public:
 
     /// One instance's place: one message each way, a later one replaces an unread one.
     struct InstanceInfo {
-        boost::mutex cmdMutex; ///< guards `cmdMsg`, and `cmdPending` together with it
-        boost::condition_variable cmdCond;
+        // A boost::condition_variable has a second mutex inside, which a waiter that wakes meets once more.
+        std::mutex cmdMutex; ///< guards `cmdMsg`, and `cmdPending` together with it
+        std::condition_variable cmdCond;
         boost::mutex ackMutex; ///< guards `ackMsg`, and `ackPending` together with it
         boost::condition_variable ackCond;
         std::atomic<bool> cmdPending{false};

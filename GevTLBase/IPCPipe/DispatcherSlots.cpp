@@ -7,6 +7,7 @@
 #include "platform/thread.h"
 
 #include <algorithm>
+#include <chrono>
 #include <system_error>
 #include <utility>
 
@@ -16,7 +17,7 @@ namespace zuIPCPipe {
 
 namespace {
 
-constexpr boost::chrono::milliseconds readCmdStep(300);
+constexpr std::chrono::milliseconds readCmdStep(300);
 constexpr std::uint32_t sendRetryPauseMs = 2;
 
 } // namespace
@@ -82,7 +83,7 @@ void CDispatcher::AbortInstance(std::uint64_t index)
         return;
     // Under the mutexes, so that nobody is between its last look and its wait.
     {
-        const boost::lock_guard<boost::mutex> cmd(info->cmdMutex);
+        const std::lock_guard<std::mutex> cmd(info->cmdMutex);
         const boost::lock_guard<boost::mutex> ack(info->ackMutex);
         info->aborted = 1;
     }
@@ -153,10 +154,10 @@ bool CDispatcher::ReadCmd(std::shared_ptr<instance_msg>& message, std::uint64_t 
     }
     // No command ever comes to an empty place.
     if (!info) {
-        boost::this_thread::sleep_for(readCmdStep);
+        boost::this_thread::sleep_for(boost::chrono::milliseconds(readCmdStep.count()));
         return false;
     }
-    boost::unique_lock<boost::mutex> lock(info->cmdMutex);
+    std::unique_lock<std::mutex> lock(info->cmdMutex);
     const auto take = [&] {
         if (!info->cmdPending.exchange(false))
             return false;
@@ -166,10 +167,11 @@ bool CDispatcher::ReadCmd(std::shared_ptr<instance_msg>& message, std::uint64_t 
     };
     if (take())
         return true;
-    const auto deadline = boost::chrono::steady_clock::now() + readCmdStep;
+    boost::this_thread::interruption_point(); // the wait below is none
+    const auto deadline = std::chrono::steady_clock::now() + readCmdStep;
     unsigned belated = info->cmdNotices;
     for (;;) {
-        if (info->cmdCond.wait_until(lock, deadline) == boost::cv_status::timeout)
+        if (info->cmdCond.wait_until(lock, deadline) == std::cv_status::timeout)
             return false;
         if (info->aborted != 0)
             return false;
@@ -186,12 +188,11 @@ bool CDispatcher::ReadAck(std::shared_ptr<instance_msg>& message, std::uint32_t 
     std::shared_ptr<InstanceInfo> info;
     {
         const std::unique_lock<std::shared_mutex> lock(instanceLock);
-        const std::lock_guard<std::mutex> slots(slotLock);
-        if (index >= instances.size()) {
+        if (index >= SlotCount()) {
             ZU_LOG(log, zuLogging::log_warn, "Invalid Index;");
             throw IPCException("Invalid ReadAck id");
         }
-        info = instances[index];
+        info = Slot(index);
     }
     if (!info) {
         ZU_LOG(log, zuLogging::log_warn, "Invalid Instance");

@@ -158,7 +158,7 @@ void CDispatcher::HandleCmd(std::shared_ptr<instance_msg>& message)
     if (!info)
         return;
     {
-        const boost::lock_guard<boost::mutex> lock(info->cmdMutex);
+        const std::lock_guard<std::mutex> lock(info->cmdMutex);
         ReturnMsg(info->cmdMsg);
         info->cmdMsg = std::move(message);
         info->cmdPending.exchange(true);

@@ -5,7 +5,7 @@
 
 namespace zuIPCPipe {
 
-instance_msg::instance_msg() : buffer(kMsgBufferSize) { header().headerSize = kMsgHeaderSize; }
+instance_msg::instance_msg() { header().headerSize = kMsgHeaderSize; }
 
 instance_msg::~instance_msg() = default;
 

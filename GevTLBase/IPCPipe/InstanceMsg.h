@@ -3,10 +3,12 @@
 #pragma once
 
 #include "GevTLBase/IPCPipe/Formats.h"
+#include "GevTLBase/IPCPipe/TagMsg.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <vector>
+#include <span>
 
 namespace zuIPCPipe {
 
@@ -26,7 +28,15 @@ public:
     std::uint8_t* payload() { return buffer.data() + kMsgHeaderSize; }
     const std::uint8_t* payload() const { return buffer.data() + kMsgHeaderSize; }
 
-    std::vector<std::uint8_t> buffer; ///< always kMsgBufferSize bytes; a shorter datagram leaves the rest as it was
+private:
+    // A reply built over the payload may pass its end, and is then refused by `SetPayloadSize`.
+    std::array<std::uint8_t, kMsgHeaderSize + TagLayout::storage> storage{};
+    static_assert(kMsgHeaderSize + TagLayout::storage >= kMsgBufferSize);
+
+public:
+    /// A shorter datagram leaves the rest as it was. Behind it there is room for the longest reply that a tagged
+    /// message over `payload()` can grow to.
+    const std::span<std::uint8_t, kMsgBufferSize> buffer{storage.data(), kMsgBufferSize};
     std::uint64_t sendLength = kMsgHeaderSize; ///< a receive does not change it
 };
 

@@ -287,7 +287,7 @@ void CInstance::WakeThread()
     if (!info)
         return;
     {
-        const boost::lock_guard<boost::mutex> lock(info->cmdMutex);
+        const std::lock_guard<std::mutex> lock(info->cmdMutex);
         info->aborted = 1;
     }
     info->cmdCond.notify_one();

@@ -20,6 +20,7 @@ namespace zuIPCPipe {
 namespace {
 
 constexpr std::uint32_t requestTimeoutMs = 300;
+constexpr unsigned maxLateAnswers = 64;
 constexpr boost::chrono::seconds monitorPeriod(2);
 
 } // namespace
@@ -197,7 +198,7 @@ void CMgr::Request(MgrDatagram* datagram)
     zuPlatform::SocketAddress from;
     MgrDatagram late{};
     using Kind = zuPlatform::ReceiveResult::Kind;
-    for (;;) {
+    for (unsigned drained = 0; drained < maxLateAnswers; ++drained) {
         const Kind kind = sock->receive(&late, sizeof late, 0, &from).kind;
         if (kind == Kind::timeout || kind == Kind::notReady || kind == Kind::waitFailed)
             break;

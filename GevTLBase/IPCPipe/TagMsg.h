@@ -44,8 +44,8 @@ public:
 
     /// Wraps `TagLayout::storage` bytes at `data`, of which `capacityBytes` can hold received data.
     CTagMsg(void* data, std::uint64_t capacityBytes, std::uint64_t usedBytes)
-        : used(usedBytes), capacity(std::min<std::uint64_t>(capacityBytes, TagLayout::storage)),
-          externalBuffer(static_cast<std::uint8_t*>(data)), walkEnd(static_cast<std::size_t>(capacity))
+        : used(usedBytes), capacity(capacityBytes), externalBuffer(static_cast<std::uint8_t*>(data)),
+          walkEnd(static_cast<std::size_t>(capacity))
     {
     }
 

@@ -1,4 +1,5 @@
 // An instance against a peer of bare sockets: what it sends, how long it waits, and what its handlers can do to it.
+#include "GevTLBase/IPCPipe/TagMsg.h"
 #include "tests/unit/IPCPipe/pipe_support.h"
 
 #include "tests/support/recording_target.h"
@@ -392,6 +393,26 @@ TEST(InstanceHandler, MaySendOnItsOwnInstance)
     EXPECT_EQ(bench.cmd.receive().value(), message(0, 7, 1, 0, {9}));
     bench.acknowledge(message(kMsgAck, 0, 1, 0, {8}));
     EXPECT_EQ(bench.ack.receive().value(), message(kMsgAck, 7, 5, 0, {8}));
+}
+
+TEST(InstanceThread, AReplyThatGrowsPastThePayloadStaysWithinTheBuffersStorage)
+{
+    LogRecorder logs;
+    Bench bench;
+    const auto instance = bench.addInstance(7);
+    std::promise<std::uint64_t> used;
+    instance->SetMsgHandler([&](void* data, std::size_t capacity, std::size_t& length, auto) {
+        CTagMsg<std::uint32_t> reply(data, capacity, length);
+        reply.ClearTags();
+        const Bytes filler(2012, 0xAB);
+        EXPECT_TRUE(reply.AddBinary(0x40000001, filler.data(), filler.size()));
+        EXPECT_TRUE(reply.AddBinary(0x40000002, filler.data(), 12));
+        length = static_cast<std::size_t>(reply.UsedLength());
+        used.set_value(length);
+    });
+    bench.command(message(0, 0, 5));
+    EXPECT_EQ(used.get_future().get(), TagLayout::storage);
+    EXPECT_TRUE(logs.waitFor("Instance Thread caught std::excepton: Buffer overflow"));
 }
 
 TEST(InstanceDisconnect, TellsThePeerAndLogsItsSteps)

@@ -15,8 +15,8 @@ using Clock = std::chrono::steady_clock;
 using Info = CDispatcher::InstanceInfo;
 
 /// Notifies until the other thread is through, as it can't be seen whether it waits already.
-template <typename Result>
-Result notifying(std::future<Result> result, boost::condition_variable& condition)
+template <typename Result, typename Condition>
+Result notifying(std::future<Result> result, Condition& condition)
 {
     while (result.wait_for(1ms) != std::future_status::ready)
         condition.notify_one();
@@ -238,9 +238,9 @@ TEST(ReadCmd, AsksForTheAbortFirstAndReadAckForTheMessage)
     std::shared_ptr<Info> info;
     bench.dispatcher->AddInstance(info);
     // Each waits; then message and abort come in one step.
-    const auto arrive = [&](boost::mutex& mutex, boost::condition_variable& condition, std::atomic<bool>& pending,
+    const auto arrive = [&](auto& mutex, auto& condition, std::atomic<bool>& pending,
                             std::shared_ptr<instance_msg>& slot) {
-        const boost::lock_guard<boost::mutex> lock(mutex);
+        const std::lock_guard lock(mutex);
         info->aborted = 1;
         slot = std::make_shared<instance_msg>();
         pending = true;
@@ -249,7 +249,7 @@ TEST(ReadCmd, AsksForTheAbortFirstAndReadAckForTheMessage)
     std::promise<void> waiting;
     auto cmd = std::async(std::launch::async, [&] {
         std::shared_ptr<instance_msg> in;
-        boost::unique_lock<boost::mutex> lock(info->cmdMutex);
+        std::unique_lock<std::mutex> lock(info->cmdMutex);
         waiting.set_value();
         lock.unlock();
         return bench.dispatcher->ReadCmd(in, 0);

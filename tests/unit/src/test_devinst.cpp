@@ -240,10 +240,20 @@ TEST_F(DevInstTest, LinkShutdownHasNoReplyAndALaterLinkWorks)
     EXPECT_EQ(run(Build(CmdLinkShutdown)), Bytes());
     EXPECT_TRUE(log.contains("Link Shutdown on " + pointerText(instance.get())));
     EXPECT_FALSE(camera.control().held());
-    client->disconnectHandler();
+    EXPECT_EQ(run(Build(CmdLinkShutdown)), Bytes());
     EXPECT_EQ(camera.writesTo(gevsim::reg::ccp), std::vector<std::uint32_t>{0}) << "the second shutdown does nothing";
     link();
     EXPECT_TRUE(camera.control().held());
+}
+
+TEST_F(DevInstTest, LinkOfAClientThatHasGoneIsGivenBack)
+{
+    link();
+    client->disconnectHandler();
+    EXPECT_FALSE(camera.control().held());
+    run(Build(CmdLink).u32(TagLinkMode, 3));
+    EXPECT_EQ(camera.writesTo(gevsim::reg::ccp).back(), 0u);
+    EXPECT_FALSE(camera.control().held());
 }
 
 TEST_F(DevInstTest, UnguardedCommandThrows)

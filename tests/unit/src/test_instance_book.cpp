@@ -37,7 +37,6 @@ TEST_F(InstanceBookTest, WholeLifeOfThreeClients)
     const auto first = connect();
     const auto second = connect();
     EXPECT_EQ(status(), ".... Status:\nInstances: 2\nID: 0.0.0.0ID: 0.0.0.0\n");
-    EXPECT_FALSE(log.contains("Deleting")) << "an empty queue logs nothing";
     first->disconnectHandler();
     second->disconnectHandler();
     EXPECT_EQ(log.texts("Svc"), (std::vector<std::string>{"Garbage queue size 0", "Garbage queue size 1"}));
