@@ -66,7 +66,7 @@ ipc::mapped_region map_block()
     }
 }
 
-/// The stem of the executable's file name.
+/// The stem of the executable's file name. A name that is not UTF-8 is a `base2::character_conversion_error`.
 std::string process_name()
 {
     const std::string path = zuPlatform::executablePath();
@@ -78,9 +78,6 @@ std::string process_name()
         const std::string cut = zuPlatform::wideToUtf8(wide.data(), wide.data() + wide.size());
         return boost::filesystem::path(cut).stem().string();
     } catch (const boost::filesystem::filesystem_error&) {
-        throw LogSvcError("Failed to extract process name from the executable path");
-    } catch (const base2::character_conversion_error&) {
-        // A file may have any bytes as its name; such a process goes without.
         throw LogSvcError("Failed to extract process name from the executable path");
     }
 }

@@ -54,7 +54,7 @@ public:
     explicit LogSvcClient(const zuPlatform::SocketAddress& service);
 
     /// The settings for this process, which names itself by `module`, its executable's name and `attributes`. Waits up
-    /// to one second. Throws `LogSvcError`.
+    /// to one second. Throws `LogSvcError`, and `base2::character_conversion_error` if that name is not UTF-8.
     boost::property_tree::ptree get_config(const std::string& module, const boost::property_tree::ptree& attributes);
 
     /// Tells the service what `module` is; an empty description is not sent. Waits up to one second. Throws

@@ -13,13 +13,16 @@ namespace zuPlatform {
 class SharedMemory {
 public:
     enum class Access { readOnly, readWrite };
+    enum class Writers { everyone, owner };
 
     /// Opens an existing object. Null with `error` set if there is none or access is refused.
     static std::unique_ptr<SharedMemory> open(const std::string& name, Access access, int& error);
 
-    /// Creates an object of `size` zero bytes that every local user may read and write, whatever the umask. Null with
-    /// `error` set if it can't be made, or exists already.
-    static std::unique_ptr<SharedMemory> create(const std::string& name, std::size_t size, int& error);
+    /// Creates an object of `size` zero bytes, whatever the umask: every local user may read it, and every one or only
+    /// its owner may write it. Whoever may write it may also cut it short, and touching what was cut off is a fault.
+    /// Null with `error` set if it can't be made, or exists already.
+    static std::unique_ptr<SharedMemory> create(const std::string& name, std::size_t size, int& error,
+                                                Writers writers = Writers::everyone);
 
     ~SharedMemory();
     SharedMemory(const SharedMemory&) = delete;

@@ -66,7 +66,8 @@ std::unique_ptr<SharedMemory> SharedMemory::open(const std::string& name, Access
     return std::unique_ptr<SharedMemory>(new SharedMemory(std::make_unique<State>(fd, access)));
 }
 
-std::unique_ptr<SharedMemory> SharedMemory::create(const std::string& name, std::size_t size, int& error)
+std::unique_ptr<SharedMemory> SharedMemory::create(const std::string& name, std::size_t size, int& error,
+                                                   Writers writers)
 {
     const std::string path = objectPath(name);
     const int fd = ::shm_open(path.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
@@ -77,7 +78,7 @@ std::unique_ptr<SharedMemory> SharedMemory::create(const std::string& name, std:
     auto state = std::make_unique<State>(fd, Access::readWrite);
     error = size ? grow(fd, size) : 0;
     // Last, so that other users find the object complete; and by fchmod, which the umask doesn't touch.
-    if (!error && ::fchmod(fd, 0666) != 0)
+    if (!error && ::fchmod(fd, writers == Writers::everyone ? 0666 : 0644) != 0)
         error = errno;
     if (error) {
         ::shm_unlink(path.c_str());

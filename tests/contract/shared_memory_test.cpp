@@ -120,6 +120,32 @@ TEST_F(SharedMemoryTest, EveryUserMayReadAndWriteWhateverTheUmask)
     EXPECT_EQ(std::memcmp(object->map(64), "hello", 5), 0);
 }
 
+TEST_F(SharedMemoryTest, AnObjectCanBeItsOwnersToWrite)
+{
+    {
+        const Umask mask(077);
+        ASSERT_NE(SharedMemory::create(name, 64, error, SharedMemory::Writers::owner), nullptr);
+    }
+    struct stat status {};
+    ASSERT_EQ(::stat(file().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0644u);
+    EXPECT_NE(SharedMemory::open(name, Access::readWrite, error), nullptr);
+
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only root can become another user";
+    EXPECT_EQ(inChild([&] {
+                  if (::setuid(otherUser) != 0)
+                      return 1;
+                  if (SharedMemory::open(name, Access::readWrite, error) != nullptr)
+                      return 2;
+                  if (::truncate(file().c_str(), 0) == 0)
+                      return 3;
+                  const auto object = SharedMemory::open(name, Access::readOnly, error);
+                  return object && object->map(64) ? 0 : 4;
+              }),
+              0);
+}
+
 TEST_F(SharedMemoryTest, ViewsShowTheSameMemory)
 {
     const auto writer = create(64);

@@ -153,7 +153,7 @@ std::unique_ptr<SharedMemory> SharedMemory::open(const std::string& name, Access
     return std::unique_ptr<SharedMemory>(new SharedMemory(std::make_unique<State>(found->second, access)));
 }
 
-std::unique_ptr<SharedMemory> SharedMemory::create(const std::string& name, std::size_t size, int& error)
+std::unique_ptr<SharedMemory> SharedMemory::create(const std::string& name, std::size_t size, int& error, Writers)
 {
     const std::lock_guard<std::mutex> lock(objects().mutex);
     objects().calls.push_back("create " + std::to_string(size) + ' ' + name);

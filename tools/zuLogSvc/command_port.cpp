@@ -141,7 +141,7 @@ void CommandPort::tick(bool final)
     const std::uint64_t now = clock_.steadyMilliseconds();
     if (const auto due = bad_.due(now, final))
         note_(levelWarn, std::to_string(due->count) + " bad datagrams at the command port, the latest " + due->latest);
-    if (const std::uint64_t held = requests_.takeHeld(now))
+    if (const std::uint64_t held = requests_.takeHeld(now, final))
         note_(levelInfo, std::to_string(held) + " more requests answered");
 }
 

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstring>
 #include <string>
+#include <utility>
 
 namespace zuLogSvc {
 namespace {
@@ -46,15 +47,16 @@ ConnectionBlock::ConnectionBlock(const Endpoints& endpoints)
     using zuPlatform::SharedMemory;
     SharedMemory::remove(connectionBlockName);
     int error = 0;
-    memory_ = SharedMemory::create(connectionBlockName, Block::bytes, error);
-    if (!memory_) // another user's, which can't be removed but can be written
-        memory_ = SharedMemory::open(connectionBlockName, SharedMemory::Access::readWrite, error);
+    // Another user's block is not written to, even if it could be: that user could cut it short under our hands.
+    memory_ = SharedMemory::create(connectionBlockName, Block::bytes, error, SharedMemory::Writers::owner);
     if (!memory_)
         throw PublicationError("The connection block cannot be made" + because(error));
+    published_ = true;
     block_ = static_cast<std::uint8_t*>(memory_->map(Block::bytes));
-    if (block_ == nullptr)
+    if (block_ == nullptr) {
+        withdraw();
         throw PublicationError("The connection block cannot be mapped");
-    storeMagic(block_, 0);
+    }
     store32(block_ + Block::version, Block::versionValue);
     store32(block_ + Block::size, Block::bytes);
     store32(block_ + Block::commandAddress, zuPlatform::networkToHost32(endpoints.command.address));
@@ -66,8 +68,16 @@ ConnectionBlock::ConnectionBlock(const Endpoints& endpoints)
 
 ConnectionBlock::~ConnectionBlock()
 {
-    storeMagic(block_, 0);
-    zuPlatform::SharedMemory::remove(connectionBlockName);
+    withdraw();
+    // Its owner's other programs can cut it short.
+    if (memory_->size() >= Block::bytes)
+        storeMagic(block_, 0);
+}
+
+void ConnectionBlock::withdraw()
+{
+    if (std::exchange(published_, false))
+        zuPlatform::SharedMemory::remove(connectionBlockName);
 }
 
 std::optional<Endpoints> readConnectionBlock()

@@ -36,17 +36,22 @@ private:
     std::unique_ptr<zuPlatform::NamedMutex> mutex_;
 };
 
-/// A published block. To be made only with the guard taken: a block that is there already is then a dead service's, and
-/// is replaced. At the end the block is marked invalid, for those who have it mapped, and removed.
+/// A published block, which only its owner can write. To be made only with the guard taken: a block that is there
+/// already is then a dead service's, and is replaced. At the end the block is removed, and marked invalid for those who
+/// have it mapped.
 class ConnectionBlock {
 public:
-    /// Throws PublicationError.
+    /// Throws PublicationError, also if a block is another user's who alone can remove it.
     explicit ConnectionBlock(const Endpoints& endpoints);
     ~ConnectionBlock();
     ConnectionBlock(const ConnectionBlock&) = delete;
     ConnectionBlock& operator=(const ConnectionBlock&) = delete;
 
+    /// Takes the name away, so that nobody finds the service any more. Touches nothing of the block.
+    void withdraw();
+
 private:
+    bool published_ = false;
     std::unique_ptr<zuPlatform::SharedMemory> memory_;
     std::uint8_t* block_ = nullptr;
 };

@@ -51,9 +51,9 @@ void FileOutput::open()
     std::error_code error;
     const std::uint64_t now = clock_.localMicroseconds();
     period_ = period(now);
-    size_ = 0;
+    size_ = waiting_.size();
     if (const auto size = fs::file_size(settings_.path, error); !error && size > 0) {
-        size_ = size;
+        size_ += size;
         // The lines in it are of the period in which it was last written.
         const auto age = fs::file_time_type::clock::now() - fs::last_write_time(settings_.path, error);
         const auto microseconds = std::chrono::duration_cast<std::chrono::microseconds>(age).count();
@@ -68,16 +68,17 @@ void FileOutput::open()
     }
     // Unbuffered: the count that a write returns is then what the system has really taken.
     std::setvbuf(file_, nullptr, _IONBF, 0);
-    if (waiting_.empty() && endsInMidLine(settings_.path)) {
-        waiting_ = "\n";
-        ++size_;
-    }
+    endLine_ = waiting_.empty() && endsInMidLine(settings_.path);
 }
 
 void FileOutput::write(const LogMessage& message, std::uint64_t arrival)
 {
     std::string line = formatLine(message, arrival, settings_.line);
     line += '\n';
+    if (std::exchange(endLine_, false)) {
+        waiting_ += '\n';
+        ++size_;
+    }
     rotateIfDue(line.size());
     if (waiting_.size() + line.size() > waitingLimit) {
         ++lost_;
@@ -95,7 +96,6 @@ void FileOutput::flush()
         return;
     if (file_ == nullptr) {
         open();
-        size_ += waiting_.size();
         if (file_ == nullptr)
             return;
     }
@@ -119,14 +119,21 @@ void FileOutput::takeOver(Output& old)
     if (file == nullptr || file->settings_.path != settings_.path)
         return;
     // A line that the old one has begun must be completed and not ended.
-    if (!file->waiting_.empty())
-        waiting_ = std::exchange(file->waiting_, {});
-    else
-        waiting_ = endsInMidLine(settings_.path) ? "\n" : "";
-    std::error_code error;
-    const auto size = fs::file_size(settings_.path, error);
-    size_ = (error ? 0 : size) + waiting_.size();
+    waiting_ = std::exchange(file->waiting_, {});
     lost_ += file->takeLost();
+    // By its name, as a rotation since this one was opened has renamed the file.
+    if (file_ != nullptr)
+        std::fclose(std::exchange(file_, nullptr));
+    open();
+}
+
+std::uint64_t FileOutput::giveUp()
+{
+    const auto lines = static_cast<std::uint64_t>(std::count(waiting_.begin(), waiting_.end(), '\n')) -
+                       (waiting_.starts_with('\n') ? 1 : 0);
+    waiting_.clear();
+    lost_ += lines;
+    return lines;
 }
 
 void FileOutput::rotateIfDue(std::size_t more)

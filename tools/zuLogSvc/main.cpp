@@ -88,19 +88,17 @@ int serve(const Options& options)
 
     auto service = std::make_unique<Service>(std::move(settings), systemClock(), tell);
     service->start();
-    {
-        const ConnectionBlock block(service->endpoints());
-        zuPlatform::notifyServiceReady("Taking messages");
-        while (!stopRequested) {
-            if (reloadRequested.exchange(false))
-                reload(options, *service);
-            zuPlatform::sleepMs(pollMs);
-        }
-        zuPlatform::notifyServiceStopping("Writing what has arrived");
+    ConnectionBlock block(service->endpoints());
+    zuPlatform::notifyServiceReady("Taking messages");
+    while (!stopRequested) {
+        if (reloadRequested.exchange(false))
+            reload(options, *service);
+        zuPlatform::sleepMs(pollMs);
     }
     zuPlatform::notifyServiceStopping("Writing what has arrived");
+    block.withdraw();
     if (service->stop(stopMs))
-        return exitGood;
+        return service->counts().givenUp == 0 ? exitGood : exitFailure;
     // Standard error may be just as stuck.
     static std::atomic<bool> told{false};
     std::thread([] {

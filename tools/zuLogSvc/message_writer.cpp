@@ -41,6 +41,9 @@ void MessageWriter::run()
         flush();
     }
     takeNewOutputs();
+    flush();
+    for (const auto& output : outputs_)
+        givenUpCount_.fetch_add(output->giveUp(), std::memory_order_relaxed);
     housekeeping(true);
     flush();
 }
@@ -59,8 +62,11 @@ void MessageWriter::process(const QueuedDatagram& entry)
         return;
     }
     messageCount_.fetch_add(1, std::memory_order_relaxed);
-    tracker_.seen({entry.from.address, entry.from.port, message.command, message.process.value_or(0)}, message.sequence,
-                  nowMs_);
+    // Records can leave no room for the process.
+    const auto process = message.process ? message.process
+                                         : tracker_.latestProcess(entry.from.address, entry.from.port, message.command);
+    if (process)
+        tracker_.seen({entry.from.address, entry.from.port, message.command, *process}, message.sequence, nowMs_);
     emit(message, entry.bytes.subspan(Header::bytes));
 }
 
@@ -89,7 +95,7 @@ void MessageWriter::housekeeping(bool final)
 {
     nowMs_ = clock_.steadyMilliseconds();
     tracker_.tell(nowMs_, final);
-    if (const std::uint64_t held = gaps_.takeHeld(nowMs_))
+    if (const std::uint64_t held = gaps_.takeHeld(nowMs_, final))
         ownMessage(levelWarn, std::to_string(held) + " more places where messages are missing");
     if (const std::uint64_t refused = queue_.refused(); refused != refusedSeen_) {
         refused_.add(refused - refusedSeen_, "");
@@ -102,10 +108,7 @@ void MessageWriter::housekeeping(bool final)
         ownMessage(levelWarn,
                    std::to_string(due->count) + " bad datagrams at the message port, the latest " + due->latest);
     for (const auto& output : outputs_) {
-        if (const std::uint64_t lines = output->takeLost()) {
-            lostCount_.fetch_add(lines, std::memory_order_relaxed);
-            lost_.add(lines, output->name());
-        }
+        collectLost(*output);
         if (const std::string words = output->takeTrouble(); !words.empty()) {
             trouble_(output->name() + ": " + words);
             ownMessage(levelWarn, output->name() + ": " + words);
@@ -118,11 +121,20 @@ void MessageWriter::housekeeping(bool final)
     }
 }
 
+void MessageWriter::collectLost(Output& output)
+{
+    if (const std::uint64_t lines = output.takeLost()) {
+        lostCount_.fetch_add(lines, std::memory_order_relaxed);
+        lost_.add(lines, output.name());
+    }
+}
+
 void MessageWriter::replaceOutputs(Outputs outputs)
 {
+    std::optional<Outputs> unused(std::move(outputs)); // becomes those of a call before, if they have not been taken
     {
         const std::lock_guard lock(mutex_);
-        newOutputs_ = std::move(outputs);
+        newOutputs_.swap(unused);
     }
     queue_.wake();
 }
@@ -140,6 +152,10 @@ void MessageWriter::takeNewOutputs()
     for (const auto& output : *fresh)
         for (const auto& old : outputs_)
             output->takeOver(*old);
+    for (const auto& old : outputs_) {
+        old->giveUp();
+        collectLost(*old);
+    }
     outputs_ = std::move(*fresh);
 }
 
@@ -153,7 +169,7 @@ WriterCounts MessageWriter::counts() const
 {
     return {messageCount_.load(std::memory_order_relaxed), badCount_.load(std::memory_order_relaxed),
             missingCount_.load(std::memory_order_relaxed), queue_.refused(),
-            lostCount_.load(std::memory_order_relaxed)};
+            lostCount_.load(std::memory_order_relaxed),    givenUpCount_.load(std::memory_order_relaxed)};
 }
 
 LogMessage makeOwnMessage(std::uint32_t level, const std::string& text, const Clock& clock)

@@ -24,7 +24,8 @@ struct WriterCounts {
     std::uint64_t bad = 0;       ///< datagrams at the message port that are no messages
     std::uint64_t missing = 0;   ///< numbers missing in clients' sequences
     std::uint64_t refused = 0;   ///< datagrams for which the queue had no room
-    std::uint64_t lostLines = 0; ///< lines that an output gave up
+    std::uint64_t lostLines = 0; ///< lines that an output lost
+    std::uint64_t givenUp = 0;   ///< lines among them that an output did not take at the end
 };
 
 class MessageWriter {
@@ -47,6 +48,7 @@ private:
     void ownMessage(std::uint32_t level, const std::string& text);
     void tellGap(const SequenceGap& gap);
     void housekeeping(bool final);
+    void collectLost(Output& output);
     void takeNewOutputs();
     void flush();
 
@@ -68,7 +70,7 @@ private:
     EventGate gaps_{100, 10'000};
     std::uint64_t refusedSeen_ = 0;
 
-    std::atomic<std::uint64_t> messageCount_{0}, badCount_{0}, missingCount_{0}, lostCount_{0};
+    std::atomic<std::uint64_t> messageCount_{0}, badCount_{0}, missingCount_{0}, lostCount_{0}, givenUpCount_{0};
 };
 
 /// A message of the service itself, and its container.

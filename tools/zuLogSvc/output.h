@@ -29,8 +29,13 @@ public:
     /// Hands what waits to the system.
     virtual void flush() = 0;
 
-    /// Takes over what waits in `old`, which goes away, if both write to the same place. `old` has been flushed.
+    /// Takes over what waits in `old`, which goes away, if both write to the same place. `old` has been flushed, and
+    /// may have renamed the file meanwhile.
     virtual void takeOver(Output& old) { static_cast<void>(old); }
+
+    /// Forgets what still waits after a `flush`, or says what the last flush lost: the number of lines, which also
+    /// count as lost. For the end.
+    virtual std::uint64_t giveUp() = 0;
 
     /// What this output is, for words to people.
     virtual std::string name() const = 0;
@@ -46,6 +51,7 @@ public:
     StreamOutput(std::FILE* stream, const LineOptions& options) : stream_(stream), options_(options) {}
     void write(const LogMessage& message, std::uint64_t arrival) override;
     void flush() override;
+    std::uint64_t giveUp() override { return unexpected_; }
     std::string name() const override { return "standard output"; }
     std::uint64_t takeLost() override;
     std::string takeTrouble() override;
@@ -56,6 +62,7 @@ private:
     std::string waiting_;
     std::uint64_t waitingLines_ = 0;
     std::uint64_t lost_ = 0;
+    std::uint64_t unexpected_ = 0; // lines that the last flush lost, unless the reader went away
     std::string trouble_;
     bool failing_ = false;
 };
@@ -80,6 +87,7 @@ public:
     void write(const LogMessage& message, std::uint64_t arrival) override;
     void flush() override;
     void takeOver(Output& old) override;
+    std::uint64_t giveUp() override;
     std::string name() const override { return settings_.path; }
     std::uint64_t takeLost() override;
     std::string takeTrouble() override;
@@ -98,6 +106,7 @@ private:
     std::uint64_t size_ = 0;   // of the file, with what waits
     std::uint64_t period_ = 0; // of the file's lines
     std::string waiting_;
+    bool endLine_ = false; // before the first line: the file ends in one that an earlier run has left unfinished
     std::uint64_t lost_ = 0;
     std::string trouble_;
     std::string lastTrouble_; // told already

@@ -63,10 +63,10 @@ public:
         return false;
     }
 
-    /// Number of events held back, once their interval is over.
-    std::uint64_t takeHeld(std::uint64_t nowMs)
+    /// Number of events held back, once their interval is over; `final` does not wait for that.
+    std::uint64_t takeHeld(std::uint64_t nowMs, bool final = false)
     {
-        return nowMs - startMs_ >= intervalMs_ ? std::exchange(held_, 0) : 0;
+        return final || nowMs - startMs_ >= intervalMs_ ? std::exchange(held_, 0) : 0;
     }
 
 private:

@@ -75,6 +75,23 @@ void SequenceTracker::tellFirst(const SequenceKey& key, Sequence& sequence)
     report_({key, gap.first, gap.last, gap.beforeStart});
 }
 
+std::optional<std::uint64_t> SequenceTracker::latestProcess(std::uint32_t address, std::uint16_t port,
+                                                            std::uint16_t command) const
+{
+    std::optional<std::uint64_t> process;
+    std::uint64_t latest = 0;
+    for (auto place = sequences_.lower_bound({address, port, command, 0}); place != sequences_.end(); ++place) {
+        const auto& [key, sequence] = *place;
+        if (key.address != address || key.port != port || key.command != command)
+            break;
+        if (!process || sequence.lastSeenMs > latest) {
+            process = key.process;
+            latest = sequence.lastSeenMs;
+        }
+    }
+    return process;
+}
+
 void SequenceTracker::makeRoom()
 {
     // An eighth goes at once, so that a crowd of new clients does not pay for the search each time.

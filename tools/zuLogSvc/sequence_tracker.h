@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,9 @@ public:
 
     /// A message with this number came. Number 0 is none.
     void seen(const SequenceKey& key, std::uint64_t number, std::uint64_t nowMs);
+
+    /// The process whose message came last from there with that command; none if no process is known there.
+    std::optional<std::uint64_t> latestProcess(std::uint32_t address, std::uint16_t port, std::uint16_t command) const;
 
     /// Tells the gaps that have been open for long enough, or all of them.
     void tell(std::uint64_t nowMs, bool all = false);

@@ -31,9 +31,12 @@ void StreamOutput::flush()
         const int error = errno;
         std::clearerr(stream_);
         lost_ += waitingLines_;
+        unexpected_ = error == EPIPE ? 0 : waitingLines_;
         if (!failing_)
             trouble_ = std::string("cannot write: ") + std::strerror(error);
     }
+    if (good)
+        unexpected_ = 0;
     failing_ = !good;
     waiting_.clear();
     waitingLines_ = 0;

@@ -1,8 +1,10 @@
 // The connection block and the commands, on scripted sockets and objects.
 #include "logging/logsvc_client.h"
 
+#include "logging/config.h"
 #include "logging/logsvc_exchange.h"
 #include "logging/timestamp.h"
+#include "platform/text.h"
 #include "tests/support/fake_shared_memory.h"
 #include "tests/support/fake_socket.h"
 #include "tests/support/fake_socket_library.h"
@@ -144,11 +146,22 @@ TEST_F(Client, AttributesStandFirstAndOwnKeysReplaceTheirs)
 TEST_F(Client, AProcessWithoutANameLeavesTheKeyOut)
 {
     answerWith("{}");
-    for (const char* path : {"", "/usr/bin/\xFF\xFF"}) {
-        FakeProcess::setExecutablePath(path);
-        LogSvcClient(service).get_config("M", Tree());
-        EXPECT_EQ(payloadOf(FakeSockets::sent().back().data), "{\"module\":\"M\"}\n");
-    }
+    FakeProcess::setExecutablePath("");
+    LogSvcClient(service).get_config("M", Tree());
+    EXPECT_EQ(payloadOf(FakeSockets::sent().back().data), "{\"module\":\"M\"}\n");
+}
+
+TEST_F(Client, AProcessNameThatIsNotUtf8IsTheCallersTrouble)
+{
+    answerWith("{\"destination\":\"none\",\"level\":\"all\"}");
+    FakeProcess::setExecutablePath("/usr/bin/\xFF\xFF");
+    EXPECT_THROW(LogSvcClient(service).get_config("M", Tree()), base2::character_conversion_error);
+    FakeSharedMemory::reset();
+    FakeSharedMemory::put("Global\\zuLogSvcConnectionInfo", connectionBlock(0x7F000B01, 4000, 0x7F000B01, 4001));
+    EXPECT_THROW(configure_logging("M", "", Tree()), base2::character_conversion_error);
+    EXPECT_THAT(FakeSockets::sent(), IsEmpty());
+    EXPECT_EQ(root_logstate("").levels(), 0u);
+    FakeSharedMemory::reset();
 }
 
 TEST_F(Client, ALongExecutablePathIsCutUnnoticed)

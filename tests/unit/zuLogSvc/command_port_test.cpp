@@ -138,6 +138,12 @@ TEST_F(Commands, ManyRequestsAreAnsweredButNotAllTold)
     clock.steady += 1000;
     port.tick();
     EXPECT_EQ(notes.back(), "info 80 more requests answered");
+    for (int i = 0; i < 23; ++i)
+        ask(1, "{}");
+    port.tick();
+    EXPECT_EQ(notes.size(), 41u);
+    port.tick(true);
+    EXPECT_EQ(notes.back(), "info 3 more requests answered") << "at the end they don't wait for the second";
 }
 
 TEST_F(Commands, ViewersAreTaken)

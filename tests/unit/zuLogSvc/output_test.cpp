@@ -255,6 +255,61 @@ TEST_F(Files, ANewOutputTakesOverALineThatTheOldOneHasBegun)
     EXPECT_THAT(texts("log"), ElementsAre("1", "2"));
 }
 
+TEST_F(Files, ANewOutputWritesToTheFileOfTheNameAfterARotation)
+{
+    settings.rotateSize = lineSize * 2;
+    FileOutput old(settings, clock);
+    write(old, "1");
+    write(old, "2");
+    FileOutput fresh(settings, clock); // on the file that is renamed next
+    write(old, "3");
+    EXPECT_THAT(texts("log.1"), ElementsAre("1", "2"));
+    fresh.takeOver(old);
+    write(fresh, "4");
+    EXPECT_THAT(texts("log.1"), ElementsAre("1", "2"));
+    EXPECT_THAT(texts("log"), ElementsAre("3", "4"));
+    write(fresh, "5");
+    EXPECT_THAT(texts("log"), ElementsAre("5"));
+}
+
+TEST_F(Files, AnOutputThatIsNeverUsedLeavesABegunLineAlone)
+{
+    freeBytes = 10;
+    FileOutput old(settings, clock, writeWhileFree);
+    write(old, "1");
+    {
+        const FileOutput unused(settings, clock);
+    }
+    freeBytes = 1'000'000;
+    write(old, "2");
+    EXPECT_THAT(texts("log"), ElementsAre("1", "2"));
+}
+
+TEST_F(Files, WhatStillWaitsIsGivenUpAndCounted)
+{
+    freeBytes = lineSize + 10;
+    FileOutput output(settings, clock, writeWhileFree);
+    EXPECT_EQ(output.giveUp(), 0u);
+    for (const char* text : {"1", "2", "3"})
+        write(output, text);
+    EXPECT_EQ(output.takeLost(), 0u);
+    EXPECT_EQ(output.giveUp(), 2u) << "the one that was cut, and the one that was not begun";
+    EXPECT_EQ(output.takeLost(), 2u);
+    EXPECT_EQ(output.giveUp(), 0u);
+    freeBytes = 1'000'000;
+    output.flush();
+    EXPECT_EQ(readFile(settings.path).size(), lineSize + 10);
+}
+
+TEST_F(Files, TheEndOfAnEarlierRunsLineIsNoLineGivenUp)
+{
+    zuTest::writeFile(settings.path, "torn by a cra");
+    freeBytes = 0;
+    FileOutput output(settings, clock, writeWhileFree);
+    write(output, "1");
+    EXPECT_EQ(output.giveUp(), 1u);
+}
+
 TEST_F(Files, TakingOverFromAFinishedOutputAddsNothing)
 {
     FileOutput old(settings, clock);
@@ -368,6 +423,7 @@ TEST_F(Files, StreamsTakeLinesAndLoseThemWhenTheyFail)
     write(output, "3");
     EXPECT_EQ(output.takeLost(), 1u);
     EXPECT_EQ(output.takeTrouble(), "");
+    EXPECT_EQ(output.giveUp(), 1u) << "of the last flush";
     std::fclose(file);
 }
 

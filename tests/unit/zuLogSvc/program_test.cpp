@@ -333,6 +333,35 @@ TEST_F(ProgramTest, AServiceWhoseOutputIsStuckStillAnswersAndEnds)
     EXPECT_FALSE(readConnectionBlock());
 }
 
+TEST_F(ProgramTest, WhatAFullDiskNeverTookIsAFailureAtTheEnd)
+{
+    const std::string file = folder.file("settings.json");
+    zuTest::writeFile(file, R"({"outputs": [{"type": "file", "path": "/dev/full"}, {"type": "stdout"}]})");
+    Program program(arguments({"--config", file}));
+    ASSERT_TRUE(program.printed(started));
+    send(someMessage("shown elsewhere"));
+    ASSERT_TRUE(program.printed("shown elsewhere"));
+    program.signal("TERM");
+    EXPECT_EQ(program.exitStatus(), 1);
+    // The start, the message, the trouble, the end.
+    EXPECT_TRUE(program.complained("zuLogSvc: 4 lines lost, the latest at /dev/full")) << program.errors();
+    EXPECT_THAT(program.output(), HasSubstr("zuLogSvc [warn] 4 lines lost, the latest at /dev/full\n"));
+    EXPECT_FALSE(readConnectionBlock());
+}
+
+TEST_F(ProgramTest, ABlockThatIsCutShortEndsNothing)
+{
+    Program program(arguments({}));
+    ASSERT_TRUE(program.printed(started));
+    ASSERT_TRUE(eventually([] { return readConnectionBlock().has_value(); }));
+    send(someMessage("before the end"));
+    std::filesystem::resize_file("/dev/shm/" + prefix + "Global.zuLogSvcConnectionInfo", 0);
+    program.signal("TERM");
+    EXPECT_EQ(program.exitStatus(), 0);
+    EXPECT_THAT(program.output(), HasSubstr("before the end\n"));
+    EXPECT_THAT(program.output(), HasSubstr("zuLogSvc [info] log service ends; messages so far: 1\n"));
+}
+
 TEST_F(ProgramTest, AServiceWhoseOutputGoesAwayStays)
 {
     const std::string file = folder.file("settings.json");

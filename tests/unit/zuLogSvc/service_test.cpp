@@ -138,6 +138,44 @@ TEST_F(Running, MissingNumbersAreSaid)
     EXPECT_EQ(service->counts().missing, 2u);
 }
 
+TEST_F(Running, AMessageWhoseProcessFoundNoRoomIsNoHole)
+{
+    start();
+    Sender sender(service->endpoints().message);
+    const auto send = [&](std::uint64_t number, bool cut) {
+        LogMessage message = someMessage("number " + std::to_string(number) + " end", number);
+        message.hasRecords = true;
+        if (cut) {
+            message.process.reset();
+            message.incomplete = true;
+        }
+        sender.send(encodeMessage(cmdMessageWithRecords, 7, zuLogSvc::encodeContainer(message)));
+    };
+    send(1, true); // of a process that nobody knows
+    send(2, false);
+    send(3, true);
+    send(4, false);
+    send(6, true);
+    send(7, false);
+    EXPECT_TRUE(logHas("number 7 end"));
+    EXPECT_TRUE(service->stop(60000));
+    EXPECT_THAT(log(), HasSubstr("): message 1 with records not seen"));
+    EXPECT_THAT(log(), HasSubstr("): message 5 with records is missing"));
+    EXPECT_EQ(service->counts().missing, 2u) << log();
+}
+
+TEST_F(Running, HolesHeldBackAreSaidAtTheEnd)
+{
+    start();
+    Sender sender(service->endpoints().message);
+    for (std::uint64_t i = 1; i <= 120; ++i)
+        sender.send(someMessage("number " + std::to_string(i) + " end", 2 * i));
+    EXPECT_TRUE(logHas("number 120 end"));
+    EXPECT_TRUE(service->stop(60000));
+    EXPECT_EQ(service->counts().missing, 120u);
+    EXPECT_THAT(log(), HasSubstr("zuLogSvc [warn] 20 more places where messages are missing\n"));
+}
+
 TEST_F(Running, CutMessagesAreMarked)
 {
     start();
@@ -283,6 +321,36 @@ TEST_F(Running, ReloadOpensAFileThatWasMovedAwayAnew)
     EXPECT_THAT(log("moved"), Not(HasSubstr("after")));
 }
 
+TEST_F(Running, QuickReloadsAndRotationsLoseNothing)
+{
+    settings.outputs[0].rotateSize = 4096;
+    settings.outputs[0].keep = 1000;
+    start();
+    Sender sender(service->endpoints().message);
+    constexpr std::uint64_t count = 2000;
+    for (std::uint64_t i = 1; i <= count; ++i) {
+        sender.send(someMessage("number " + std::to_string(i) + " end", i));
+        if (i % 10 == 0) {
+            service->reload(settings);
+            service->reload(settings);
+            ASSERT_TRUE(eventually([&] { return service->counts().messages + service->counts().missing >= i; }));
+        }
+    }
+    EXPECT_TRUE(service->stop(60000));
+    std::string text = log();
+    int files = 1;
+    for (; std::filesystem::exists(folder.file("log." + std::to_string(files))); ++files)
+        text.insert(0, log("log." + std::to_string(files)));
+    EXPECT_GT(files, 20);
+    std::uint64_t expected = 0;
+    for (const std::string& line : zuTest::splitLines(text)) {
+        if (line.find(" zuLogSvc [") != std::string::npos)
+            continue;
+        EXPECT_EQ(line, formatLine(someMessage("number " + std::to_string(++expected) + " end"), 0, {}));
+    }
+    EXPECT_EQ(expected, count);
+}
+
 TEST_F(Running, PortsCanBeGivenAndAPortInUseIsSaid)
 {
     start();
@@ -374,13 +442,15 @@ TEST(MessageWriter, WhatASlowOutputHasNoRoomForIsRefusedCountedAndSaid)
 /// Machine-wide names under a prefix of this test's own.
 class Published : public Running {
 protected:
-    Published() { zuPlatform::setObjectNamePrefixForTesting(zuTest::uniquePrefix()); }
+    Published() { zuPlatform::setObjectNamePrefixForTesting(prefix); }
     ~Published() override
     {
         zuPlatform::SharedMemory::remove(connectionBlockName);
         zuPlatform::SharedMemory::remove(instanceMutexName);
         zuPlatform::setObjectNamePrefixForTesting("");
     }
+    /// Where the system keeps the block.
+    std::string blockFile() const { return "/dev/shm/" + prefix + "Global.zuLogSvcConnectionInfo"; }
     static Endpoints endpoints(std::uint16_t command, std::uint16_t message)
     {
         using zuPlatform::hostToNetwork16;
@@ -391,6 +461,8 @@ protected:
         int error = 0;
         return zuPlatform::SharedMemory::open(connectionBlockName, zuPlatform::SharedMemory::Access::readOnly, error);
     }
+
+    const std::string prefix = zuTest::uniquePrefix();
 };
 
 TEST_F(Published, TheBlockHasGoldenBytes)
@@ -417,6 +489,32 @@ TEST_F(Published, TheBlockIsMarkedInvalidAndRemovedAtTheEnd)
     EXPECT_EQ(load32(view), 0u);
     EXPECT_EQ(openBlock(), nullptr);
     EXPECT_FALSE(readConnectionBlock());
+}
+
+TEST_F(Published, OthersCanOnlyReadTheBlock)
+{
+    const ConnectionBlock block(endpoints(1, 2));
+    using std::filesystem::perms;
+    EXPECT_EQ(std::filesystem::status(blockFile()).permissions(),
+              perms::owner_read | perms::owner_write | perms::group_read | perms::others_read);
+}
+
+TEST_F(Published, ABlockThatWasCutShortIsLeftAtTheEnd)
+{
+    auto block = std::make_unique<ConnectionBlock>(endpoints(1, 2));
+    std::filesystem::resize_file(blockFile(), 0);
+    block.reset();
+    EXPECT_EQ(openBlock(), nullptr);
+}
+
+TEST_F(Published, AWithdrawnBlockIsNotFoundAndStaysAwayFromTheNext)
+{
+    auto block = std::make_unique<ConnectionBlock>(endpoints(1, 2));
+    block->withdraw();
+    EXPECT_FALSE(readConnectionBlock());
+    const ConnectionBlock next(endpoints(3, 4));
+    block.reset();
+    EXPECT_EQ(readConnectionBlock(), endpoints(3, 4));
 }
 
 TEST_F(Published, AStaleBlockOfAnyKindIsTakenOver)

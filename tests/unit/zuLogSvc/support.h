@@ -78,6 +78,7 @@ class CapturingOutput : public zuLogSvc::Output {
 public:
     void write(const zuLogSvc::LogMessage& message, std::uint64_t arrival) override;
     void flush() override {}
+    std::uint64_t giveUp() override { return 0; }
     std::string name() const override { return "test"; }
     std::uint64_t takeLost() override { return 0; }
     std::string takeTrouble() override { return {}; }

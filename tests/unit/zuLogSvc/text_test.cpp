@@ -225,6 +225,12 @@ TEST(Line, NeverHoldsControlCharacters)
               "{x\\x0ay}");
 }
 
+TEST(Line, ABackspaceIsEscapedWhereTheDaemonsOwnLineHasTheByte)
+{
+    EXPECT_EQ(formatLine(someMessage("Force CCP \b0"), 0, {}),
+              "2026-Nov-12 10:58:49.123456 GEVSVC.Conn.0 [IPConnection|warn] Force CCP \\x080");
+}
+
 TEST(Line, ShowsProcessThreadAndLocationWhereAskedFor)
 {
     const LogMessage message = someMessage("t");

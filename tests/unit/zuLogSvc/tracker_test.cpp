@@ -105,6 +105,21 @@ TEST_F(Sequences, CommandsPortsAndProcessesCountApart)
     EXPECT_THAT(told, ElementsAre("process 1 (127.0.0.1:40000): message 2 with records is missing"));
 }
 
+TEST_F(Sequences, TheLatestProcessOfASourceIsKnown)
+{
+    const std::uint32_t address = client().address;
+    EXPECT_FALSE(tracker.latestProcess(address, 0x409c, cmdMessage));
+    tracker.seen(client(0x409c, cmdMessage, 900), 1, 10);
+    tracker.seen(client(0x409c, cmdMessage, 800), 1, 20);
+    tracker.seen(client(0x419c, cmdMessage, 1000), 1, 30);
+    EXPECT_EQ(tracker.latestProcess(address, 0x409c, cmdMessage), 800u);
+    tracker.seen(client(0x409c, cmdMessage, 900), 2, 40);
+    EXPECT_EQ(tracker.latestProcess(address, 0x409c, cmdMessage), 900u);
+    EXPECT_EQ(tracker.latestProcess(address, 0x419c, cmdMessage), 1000u);
+    EXPECT_FALSE(tracker.latestProcess(address, 0x409c, cmdMessageWithRecords));
+    EXPECT_FALSE(tracker.latestProcess(address + 1, 0x409c, cmdMessage));
+}
+
 TEST_F(Sequences, AFarLowerNumberIsANewSequence)
 {
     see({1, 2});
@@ -170,6 +185,11 @@ TEST(EventGate, HoldsBackWhatIsTooMuch)
     EXPECT_EQ(gate.takeHeld(6000), 2u);
     EXPECT_EQ(gate.takeHeld(6000), 0u);
     EXPECT_TRUE(gate.pass(6000));
+    EXPECT_TRUE(gate.pass(6001));
+    EXPECT_FALSE(gate.pass(6002));
+    EXPECT_EQ(gate.takeHeld(6002), 0u);
+    EXPECT_EQ(gate.takeHeld(6002, true), 1u);
+    EXPECT_EQ(gate.takeHeld(6002, true), 0u);
 }
 
 TEST(FollowFilter, PassesByLevelLoggerAndGroup)
