@@ -7,6 +7,9 @@
 #include "tests/unit/logging/fake_log_service.h"
 #include "tests/unit/logging/support.h"
 
+#include <set>
+#include <thread>
+
 using namespace zuLogging;
 using namespace zuTest;
 using testing::ElementsAre;
@@ -166,6 +169,35 @@ TEST_F(Console, WideTextGoesOnBehindARefusal)
     write(target, message("Console", log_info), std::wstring(L"abcd"));
     EXPECT_THAT(takeCalls(), ElementsAre("setAttribute 15", "wide ab", "wide ", "wide ", "wide c", "wide d",
                                          "setAttribute 7", "wide \n"));
+}
+
+TEST_F(Console, LinesOfEightThreadsAndTwoTargetsNeverMix)
+{
+    // The scripted console has no lock of its own: the target's must do.
+    fake.window = true;
+    const auto console = make_console();
+    Target targets[] = {Target(console), Target(console)};
+    const auto msg = message("Console", log_err);
+    constexpr int threads = 8;
+    constexpr int each = 300;
+    std::vector<std::thread> writers;
+    for (int i = 0; i < threads; ++i)
+        writers.emplace_back([&, i] {
+            for (int number = 0; number < each; ++number)
+                write(targets[i % 2], msg, std::to_string(i) + '-' + std::to_string(number));
+        });
+    for (std::thread& writer : writers)
+        writer.join();
+    const auto calls = takeCalls();
+    ASSERT_EQ(calls.size(), 4u * threads * each);
+    std::set<std::string> lines;
+    for (std::size_t i = 0; i < calls.size(); i += 4) {
+        ASSERT_EQ(calls[i], "setAttribute 12");
+        lines.insert(calls[i + 1]);
+        ASSERT_EQ(calls[i + 2], "setAttribute 7");
+        ASSERT_EQ(calls[i + 3], "write \n");
+    }
+    EXPECT_EQ(lines.size(), static_cast<std::size_t>(threads * each));
 }
 
 TEST_F(Console, ATitleIsSet)

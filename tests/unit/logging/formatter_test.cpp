@@ -130,6 +130,16 @@ TEST(Formatter, AMalformedGroupThrows)
     EXPECT_THROW(line(message("Bad", log_err, group_id(3)), std::string("x")), std::invalid_argument);
     EXPECT_THROW(line(message("Bad", log_err, group_id(std::uint64_t{1} << 63)), std::string("x")),
                  std::invalid_argument);
+    EXPECT_THROW(line(message("Bad", log_err, group_id(3)), std::wstring(L"x")), std::invalid_argument);
+    EXPECT_THROW(line(message("Bad", log_err, group_id(std::uint64_t{1} << 63)), std::wstring(L"x")),
+                 std::invalid_argument);
+}
+
+TEST(Formatter, APathThatIsNotUtf8HasNoWideLine)
+{
+    const auto msg = message("Bad\xFF", log_err);
+    EXPECT_THAT(line(msg, std::string("x")), testing::HasSubstr("Bad\xFF [err] x"));
+    EXPECT_THROW(line(msg, std::wstring(L"x")), base2::character_conversion_error);
 }
 
 TEST(Formatter, AnotherPrefixStandsBeforeTheText)

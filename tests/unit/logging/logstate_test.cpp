@@ -128,7 +128,7 @@ TEST(Logstate, NumberedChildOfTheRoot)
 TEST(Logstate, OnlyWholeNumbersCount)
 {
     // The last is all ones, which stands for no number.
-    const std::vector<std::string> names = {"0x", "1 1", "18446744073709551615", "99999999999999999999"};
+    const std::vector<std::string> names = {"abc", "0x", "12x", "1 1", "18446744073709551615", "99999999999999999999"};
     std::vector<logstate> held;
     for (const std::string& name : names)
         held.push_back(get_logstate("Whole." + name));

@@ -151,6 +151,29 @@ TEST_F(Client, AProcessWithoutANameLeavesTheKeyOut)
     EXPECT_EQ(payloadOf(FakeSockets::sent().back().data), "{\"module\":\"M\"}\n");
 }
 
+TEST_F(Client, WithoutABlockNobodyIsAsked)
+{
+    ZU_IN_FRESH_PROCESS({
+        FakeSharedMemory::reset();
+        EXPECT_FALSE(configure_logging("M", "what it is", Tree()));
+        EXPECT_THAT(FakeSharedMemory::calls(),
+                    ElementsAre("open read Global\\zuLogSvcConnectionInfo", "open read zuLogSvcConnectionInfo"));
+        EXPECT_EQ(FakeSockets::opened(), 0u);
+        EXPECT_THAT(FakeSockets::sent(), IsEmpty());
+        EXPECT_EQ(root_logstate("").path(), "M");
+        EXPECT_EQ(root_logstate("").levels(), 0u);
+    });
+}
+
+TEST_F(Client, ADescriptionThatNobodyAnswersIsSentTwice)
+{
+    EXPECT_EQ(descriptionFailure("GEVSVC", "what it is"), noAnswer);
+    const auto sent = FakeSockets::sent();
+    ASSERT_THAT(sent, SizeIs(2));
+    EXPECT_EQ(sent[0].data, sent[1].data);
+    EXPECT_EQ(payloadOf(sent[1].data), "{\"module\":\"GEVSVC\",\"description\":\"what it is\"}\n");
+}
+
 TEST_F(Client, AProcessNameThatIsNotUtf8IsTheCallersTrouble)
 {
     answerWith("{\"destination\":\"none\",\"level\":\"all\"}");

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <future>
 #include <iostream>
 #include <thread>
 
@@ -116,6 +117,49 @@ TEST(StdoutTarget, LinesOfEightThreadsAndTwoObjectsNeverMix)
     const Captured<char> standard(std::cout);
     writeFromThreads({std::make_shared<OutTarget>(), std::make_shared<OutTarget>()});
     expectWholeLines(standard.text(), writers);
+}
+
+TEST(StdoutTarget, ErrorLinesOfEightThreadsAndTwoObjectsNeverMix)
+{
+    const Captured<char> failures(std::cerr);
+    writeFromThreads({std::make_shared<ErrTarget>(), std::make_shared<ErrTarget>()});
+    expectWholeLines(failures.text(), writers);
+}
+
+TEST(StdoutTarget, TheTwoStreamsDoNotWaitForEachOther)
+{
+    /// A stream's buffer that keeps its writer until the other stream has been written to.
+    class Waiting : public std::stringbuf {
+    public:
+        std::promise<void> reached;
+        std::promise<void> other;
+        bool otherWentOn = false;
+
+    protected:
+        std::streamsize xsputn(const char* data, std::streamsize count) override
+        {
+            reached.set_value();
+            otherWentOn = other.get_future().wait_for(std::chrono::seconds(30)) == std::future_status::ready;
+            return std::stringbuf::xsputn(data, count);
+        }
+    };
+    const auto msg = message("Std", log_info);
+    const Captured<char> failures(std::cerr);
+    Waiting waiting;
+    std::streambuf* const previous = std::cout.rdbuf(&waiting);
+    std::thread writer([&] {
+        OutTarget out;
+        write(out, msg, std::string("one"));
+    });
+    waiting.reached.get_future().wait();
+    ErrTarget err;
+    write(err, msg, std::string("two"));
+    waiting.other.set_value();
+    writer.join();
+    std::cout.rdbuf(previous);
+    EXPECT_TRUE(waiting.otherWentOn);
+    EXPECT_EQ(waiting.str(), "one\n");
+    EXPECT_EQ(failures.text(), "two\n");
 }
 
 TEST(TraceTarget, WritesToTheDebuggerChannel)
