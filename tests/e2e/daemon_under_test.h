@@ -15,7 +15,8 @@ namespace zuTest {
 
 class DaemonUnderTest {
 public:
-    DaemonUnderTest() : process({builtProgram("zuGevSvc"), "--execute"})
+    /// `launcher` stands before the daemon's command line, and becomes the daemon by exec.
+    explicit DaemonUnderTest(const std::vector<std::string>& launcher = {}) : process(command(launcher))
     {
         if (!process.waitForOutput("BuildDate"))
             throw std::runtime_error("the daemon did not start: " + process.output());
@@ -60,6 +61,13 @@ public:
     }
 
     ChildProcess process;
+
+private:
+    static std::vector<std::string> command(std::vector<std::string> launcher)
+    {
+        launcher.insert(launcher.end(), {builtProgram("zuGevSvc"), "--execute"});
+        return launcher;
+    }
 };
 
 } // namespace zuTest

@@ -49,6 +49,10 @@ ConnectionBlock::ConnectionBlock(const Endpoints& endpoints)
     int error = 0;
     // Another user's block is not written to, even if it could be: that user could cut it short under our hands.
     memory_ = SharedMemory::create(connectionBlockName, Block::bytes, error, SharedMemory::Writers::owner);
+    if (!memory_ && SharedMemory::open(connectionBlockName, SharedMemory::Access::readOnly, error))
+        throw PublicationError(
+            "Another user's log service has left its connection block, which only that user and root "
+            "can remove");
     if (!memory_)
         throw PublicationError("The connection block cannot be made" + because(error));
     published_ = true;

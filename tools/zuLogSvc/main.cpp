@@ -87,8 +87,9 @@ int serve(const Options& options)
     zuPlatform::setReloadHandler(options.config.empty() ? requestStop : requestReload);
 
     auto service = std::make_unique<Service>(std::move(settings), systemClock(), tell);
-    service->start();
+    // What is asked from now on waits in the sockets, so whoever reads that the service has started can find it.
     ConnectionBlock block(service->endpoints());
+    service->start();
     zuPlatform::notifyServiceReady("Taking messages");
     while (!stopRequested) {
         if (reloadRequested.exchange(false))

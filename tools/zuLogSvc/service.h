@@ -37,7 +37,7 @@ public:
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
 
-    /// Starts the threads. The service can be found only once its endpoints are published.
+    /// Starts the threads. Its endpoints may have been published before: what is asked meanwhile waits in the sockets.
     void start();
 
     /// New rules, outputs and `follow` from now on; ports and buffers stay. Throws OutputError, with nothing changed.
