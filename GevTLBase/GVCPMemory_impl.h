@@ -7,9 +7,9 @@ namespace GEV {
 
 namespace gvcpDetail {
 
-/// A device may answer READMEM without a byte of data and is asked again; after this many such answers in a row each
-/// counts as a failed attempt, so that it can't hold the command for ever.
-inline constexpr unsigned maxEmptyAnswers = 16;
+/// A device may answer READMEM without a byte of data and is asked again. After this many such answers in a row, which
+/// no device in order comes near, each counts as a failed attempt, so that it can't hold the command for ever.
+inline constexpr unsigned maxEmptyAnswers = 1024;
 
 /// The first 32 bits at `data`, as they lie in memory; what is missing is 0.
 inline std::uint32_t firstWord(const void* data, std::uint64_t size)

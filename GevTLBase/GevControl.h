@@ -37,7 +37,8 @@ inline constexpr std::uint32_t accessMask = 0x00000003; ///< some access is held
 using LinkCallback = boost::function<void()>;
 
 /// The definitions are in GevControl_impl.h and GevHeartbeat_impl.h. `Unlink`, `SetHeartbeatTimeout` and the destructor
-/// join the heartbeat thread, so they are not for its callbacks: there the first throws, the second logs a failure.
+/// join the heartbeat thread, so they are not for its callbacks: there the first throws, the second logs a failure and
+/// the thread ends at its next wait.
 template <typename TConnection>
 class CGevControl : public CGVCP<TConnection> {
 public:
@@ -108,6 +109,7 @@ private:
     void StartHeartbeat();
     void StopHeartbeat();
     void InterruptHeartbeat();
+    bool OnHeartbeatThread() const;
     void RefuseHeartbeatThread() const;
     void HeartbeatThread();
     void HeartbeatLoop();
@@ -120,6 +122,7 @@ private:
     boost::mutex threadMutex;
     std::unique_ptr<boost::thread> heartbeatThread;
     std::atomic<std::uint64_t> heartbeatThreadId{0}; ///< the system's id while the thread runs, else 0
+    bool interruptedItself = false;                  ///< of the heartbeat thread alone: it ends at its next wait
 };
 
 } // namespace GEV

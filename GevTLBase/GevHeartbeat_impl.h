@@ -58,11 +58,17 @@ void CGevControl<TConnection>::RestartHeartbeatWait(std::uint64_t delayMs)
         heartbeatCondition.notify_all();
 }
 
+template <typename TConnection>
+bool CGevControl<TConnection>::OnHeartbeatThread() const
+{
+    return heartbeatThreadId.load(std::memory_order_relaxed) == zuPlatform::currentThreadId();
+}
+
 /// Joining itself would never end, and the mutex may be held by another thread that joins this one.
 template <typename TConnection>
 void CGevControl<TConnection>::RefuseHeartbeatThread() const
 {
-    if (heartbeatThreadId.load(std::memory_order_relaxed) == zuPlatform::currentThreadId())
+    if (OnHeartbeatThread())
         boost::throw_exception(
             boost::thread_resource_error(static_cast<int>(boost::system::errc::resource_deadlock_would_occur),
                                          "the heartbeat thread can't wait for its own end"));
@@ -71,6 +77,8 @@ void CGevControl<TConnection>::RefuseHeartbeatThread() const
 template <typename TConnection>
 void CGevControl<TConnection>::StartHeartbeat()
 {
+    if (OnHeartbeatThread()) // it exists; and another thread may hold the mutex while it waits for this one's end
+        return;
     const boost::lock_guard<boost::mutex> lock(threadMutex);
     if (heartbeatThread)
         return;
@@ -98,10 +106,13 @@ void CGevControl<TConnection>::StopHeartbeat()
     heartbeatThread.reset();
 }
 
-/// Ends the thread by interruption, and joins it; `runFlag` stays as it is.
+/// Ends the thread by interruption, and joins it; `runFlag` stays as it is. The thread itself may not join, but its
+/// interruption stands.
 template <typename TConnection>
 void CGevControl<TConnection>::InterruptHeartbeat()
 {
+    if (OnHeartbeatThread())
+        interruptedItself = true;
     RefuseHeartbeatThread();
     const boost::lock_guard<boost::mutex> lock(threadMutex);
     if (!heartbeatThread)
@@ -117,6 +128,7 @@ void CGevControl<TConnection>::HeartbeatThread()
 {
     zuPlatform::nameCurrentThread("zu-heart");
     heartbeatThreadId.store(zuPlatform::currentThreadId(), std::memory_order_relaxed);
+    interruptedItself = false;
     try {
         HeartbeatLoop();
     } catch (const boost::thread_interrupted&) {
@@ -166,6 +178,8 @@ void CGevControl<TConnection>::WaitForExpiry(std::uint64_t& delay)
     waitRestarted = false;
     sleepUntil = Clock::now() + heartbeatDetail::asDuration(delay);
     while (runFlag != 0) {
+        if (interruptedItself)
+            throw boost::thread_interrupted();
         const boost::cv_status status = heartbeatCondition.wait_until(lock, Clock::time_point(sleepUntil));
         if (waitRestarted) {
             waitRestarted = false;

@@ -27,11 +27,21 @@ std::vector<std::string> withoutPriority(std::vector<std::string> all)
     return all;
 }
 
+/// Links to a device whose timeout leaves the heartbeat thread no reason for a read while a test runs.
+class QuietControl : public Control {
+protected:
+    QuietControl()
+    {
+        device.set(timeoutRegister, 3000000);
+        fields().heartbeatPeriod() = 500000; // for the first wait
+    }
+};
+
 } // namespace
 
 // --- Link
 
-TEST_F(Control, LinkForControlWritesTwiceAndReadsWhatItNeeds)
+TEST_F(QuietControl, LinkForControlWritesTwiceAndReadsWhatItNeeds)
 {
     control->Link(3);
     EXPECT_THAT(commands(), ElementsAre("W 0a00 00000002", "W 0a00 00000002", "R 0938", "R 0934", "R 0004"));
@@ -39,11 +49,11 @@ TEST_F(Control, LinkForControlWritesTwiceAndReadsWhatItNeeds)
     EXPECT_EQ(1, big16(sent[0], 6));
     EXPECT_EQ(2, big16(sent[1], 6));
     EXPECT_THAT(withoutPriority(controlLines()), ElementsAre(className + "Link " + addressOf(*control), writeLine,
-                                                             createLine, "info GEVCTRL.# Heartbeat Timeout 3000"));
+                                                             createLine, "info GEVCTRL.# Heartbeat Timeout 3000000"));
     EXPECT_TRUE(control->IsLinked());
     EXPECT_TRUE(fields().hasCcp());
     EXPECT_FALSE(fields().byteSwap());
-    EXPECT_EQ(600u, fields().heartbeatPeriod());
+    EXPECT_EQ(600000u, fields().heartbeatPeriod());
     EXPECT_EQ(0x11u, fields().gvcpCapability());
 }
 
@@ -134,7 +144,7 @@ TEST_F(Control, LinkWithoutADeviceModeKeepsTheByteSwap)
     EXPECT_EQ("err GEVCTRL.# Error reading device endianess: ReadReg returned error", controlLines().back());
 }
 
-TEST_F(Control, LinkTwiceWritesAgainAndKeepsTheThread)
+TEST_F(QuietControl, LinkTwiceWritesAgainAndKeepsTheThread)
 {
     control->Link(3);
     fake().forget();
@@ -162,7 +172,7 @@ TEST_F(Control, NoNumberOfRetriesDividesByZero)
 
 // --- Unlink
 
-TEST_F(Control, UnlinkEndsTheThreadAndWritesZero)
+TEST_F(QuietControl, UnlinkEndsTheThreadAndWritesZero)
 {
     control->Link(3);
     fake().forget();
@@ -185,7 +195,7 @@ TEST_F(Control, UnlinkOfAMonitorWritesNothing)
                                             "warn GEVCTRL.# Application has no privilege"));
 }
 
-TEST_F(Control, UnlinkWhileTheDeviceIsGoneSpendsAllResendsAndReturns)
+TEST_F(QuietControl, UnlinkWhileTheDeviceIsGoneSpendsAllResendsAndReturns)
 {
     control->Link(3);
     device.setFault(silenceOn(ccpRegister));
@@ -196,7 +206,7 @@ TEST_F(Control, UnlinkWhileTheDeviceIsGoneSpendsAllResendsAndReturns)
     EXPECT_FALSE(control->IsLinked());
 }
 
-TEST_F(Control, DisconnectIsUnlink)
+TEST_F(QuietControl, DisconnectIsUnlink)
 {
     control->Link(3);
     fake().forget();
@@ -380,7 +390,7 @@ TEST_F(Control, HeartbeatThatCannotBeWrittenLeavesThePeriodAndStartsNoThread)
     EXPECT_THAT(controlLines(), ElementsAre("info GEVCTRL.# Set HBTimeout failed: Unable to send GVCP WriteReg"));
 }
 
-TEST_F(Control, HeartbeatOfZeroWritesZeroWhenTheThreadHasEnded)
+TEST_F(QuietControl, HeartbeatOfZeroWritesZeroWhenTheThreadHasEnded)
 {
     control->Link(3);
     fake().forget();
@@ -391,6 +401,11 @@ TEST_F(Control, HeartbeatOfZeroWritesZeroWhenTheThreadHasEnded)
     EXPECT_THAT(controlLines(), ElementsAre("warn GEVCTRL.# Heartbeat thread interrupt exception", exitLine,
                                             "info GEVCTRL.# Disable hb timeout, set heartbeat timeout to 0, Margin to "
                                             "0, terminating Heartbeat thread"));
+    const std::vector<std::string> all = lines(log);
+    const auto ended = std::find(all.begin(), all.end(), exitLine);
+    const auto written = std::find(all.begin(), all.end(), "info GVCP.# Successful WriteReg to addr 0x938 : Value  0");
+    ASSERT_NE(all.end(), written);
+    EXPECT_LT(ended, written);
     EXPECT_EQ(1u, fields().runFlag()) << "left as it was";
     EXPECT_TRUE(control->IsLinked());
     EXPECT_TRUE(fields().hasCcp());

@@ -117,6 +117,7 @@ public:
     {
         const std::lock_guard<std::mutex> lock(mutex);
         timeouts_.push_back(timeoutMs);
+        receiveSizes_.push_back(size);
         changed.notify_all();
         count = 0;
         if (answers.empty())
@@ -161,11 +162,17 @@ public:
         const std::lock_guard<std::mutex> lock(mutex);
         return timeouts_;
     }
+    std::vector<std::uint32_t> receiveSizes() const
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return receiveSizes_;
+    }
     void forget()
     {
         const std::lock_guard<std::mutex> lock(mutex);
         sent_.clear();
         timeouts_.clear();
+        receiveSizes_.clear();
         answers.clear();
     }
     /// Waits until `condition` holds for what was sent.
@@ -192,6 +199,7 @@ private:
     std::deque<Answer> answers;
     std::vector<Sent> sent_;
     std::vector<std::uint32_t> timeouts_;
+    std::vector<std::uint32_t> receiveSizes_;
 };
 
 inline bool isCommand(const Bytes& data, std::uint16_t command, std::uint32_t address)

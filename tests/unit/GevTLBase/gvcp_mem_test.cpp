@@ -224,6 +224,19 @@ TEST_F(GvcpMem, ReadMemAcceptsAnEmptyAnswerAndAsksAgain)
     EXPECT_THAT(connection.sent(), ElementsAre(readMemCommand(1, 0x10, 4), readMemCommand(2, 0x10, 4)));
 }
 
+TEST_F(GvcpMem, ReadMemGoesOnAskingADeviceThatIsSlowToHaveData)
+{
+    constexpr std::uint16_t emptyAnswers = 1000;
+    connection.respond([](FakeConnection& c, const Bytes& sent) {
+        const std::uint16_t id = big16(sent, 6);
+        c.push(readMemAck(id, id > emptyAnswers ? counting(4) : Bytes{}));
+        return 0;
+    });
+    EXPECT_EQ(counting(4), readMem(0x10, 4));
+    EXPECT_THAT(connection.sent(), SizeIs(emptyAnswers + 1));
+    EXPECT_THAT(gvcpLines(), ElementsAre("info GVCP.# Successful ReadMem from addr 16 : num bytes 4"));
+}
+
 TEST_F(GvcpMem, ReadMemEndsAgainstADeviceThatAnswersNothingForEver)
 {
     connection.respond([](FakeConnection& c, const Bytes& sent) {

@@ -3,6 +3,8 @@
 
 #include <boost/bind/bind.hpp>
 
+#include <thread>
+
 using namespace GEV;
 using namespace gevTest;
 using testing::Each;
@@ -80,6 +82,24 @@ TEST_F(Gvcp, WithoutAConnectionACommandFailsByItsRetries)
     const GevException e = failureOf([&] { gvcp.WriteReg(1, 2, true, None()); });
     EXPECT_STREQ("Unable to send GVCP WriteReg", e.what());
     EXPECT_EQ(-1001, e.Code());
+}
+
+TEST_F(Gvcp, EachReceiveHasRoomFor576Bytes)
+{
+    connection.push(readRegAck(1, 9));
+    readReg(0x10);
+    EXPECT_THAT(connection.receiveSizes(), ElementsAre(576)) << "a command";
+    connection.forget();
+    connection.push(pendingAck(2, 5));
+    connection.push(readRegAck(2, 9));
+    readReg(0x10);
+    EXPECT_THAT(connection.receiveSizes(), ElementsAre(576, 576)) << "behind a PENDING_ACK";
+    connection.forget();
+    connection.push(readRegAck(1, 8));
+    connection.push(readRegAck(3, 9));
+    readReg(0x10);
+    EXPECT_THAT(connection.timeouts(), ElementsAre(300, 100, 100));
+    EXPECT_THAT(connection.receiveSizes(), ElementsAre(576, 576, 576)) << "the drain";
 }
 
 // --- Request ids
@@ -386,8 +406,14 @@ TEST_F(Gvcp, WhatTheCallbackThrowsLeavesTheCommand)
     connection.push(pendingAck(1, 5));
     EXPECT_THROW(gvcp.WriteReg(1, 2, true, [](std::uint32_t) { throw std::logic_error("mine"); }), std::logic_error);
     EXPECT_THAT(connection.sent(), SizeIs(1));
-    EXPECT_TRUE(gvcp.commandMutex.try_lock()) << "still held";
-    gvcp.commandMutex.unlock();
+    bool taken = false;
+    std::thread([&] { // this thread could take it once more though it were held
+        taken = gvcp.commandMutex.try_lock();
+        if (taken)
+            gvcp.commandMutex.unlock();
+    })
+        .join();
+    EXPECT_TRUE(taken) << "still held";
 }
 
 // --- Out of step

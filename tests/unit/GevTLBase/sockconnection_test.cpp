@@ -91,6 +91,20 @@ TEST_F(SockConnection, ConstructionOpensAndSetsUp)
     EXPECT_EQ(0, connection->Reserved());
 }
 
+TEST_F(SockConnection, ConstructionRegistersBothGroups)
+{
+    make();
+    std::vector<std::string> names;
+    for (std::uint64_t id = 1; id != 0; id <<= 1) {
+        try {
+            names.push_back(zuLogging::group_name(id));
+        } catch (const std::invalid_argument&) {
+            continue; // not registered
+        }
+    }
+    EXPECT_THAT(names, testing::IsSupersetOf({"BufferHandling", "IPConnection"}));
+}
+
 TEST_F(SockConnection, DestructionClosesWithoutShutdown)
 {
     make();
