@@ -4,6 +4,7 @@
 #include "logging/log.h"
 #include "platform/named_mutex.h"
 #include "platform/process.h"
+#include "platform/service_notify.h"
 #include "src/ServiceLoop.h"
 #include "src/WinSvc.h"
 
@@ -155,6 +156,7 @@ void RunService()
         if (!AcquireInstanceMutex()) {
             ZU_LOG(zuLogging::get_logstate("main"), log_warn,
                    "An instance of this application / service is already running on this system.");
+            zuPlatform::notifyServiceStatus("Another instance is already running on this system");
             CloseInstanceMutex();
             return;
         }

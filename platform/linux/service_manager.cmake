@@ -30,7 +30,7 @@ endfunction()
 zu_service_room(platform_service_none SOURCES service_manager_none.cpp service_state.cpp)
 if(TARGET PkgConfig::ZU_SYSTEMD)
     zu_service_room(platform_service
-        SOURCES service_manager.cpp service_bus.cpp service_state.cpp service_dispatcher.cpp service_notify.cpp
+        SOURCES service_manager.cpp service_register.cpp service_bus.cpp service_state.cpp service_dispatcher.cpp service_notify.cpp
         DEPENDS PkgConfig::ZU_SYSTEMD)
 else()
     message(STATUS "Built without service control, which needs libsystemd")

@@ -40,5 +40,6 @@ bool setServiceStatus(ServiceStatusHandle, const ServiceStatus&) { return unsupp
 bool startedByServiceManager() { return false; }
 bool notifyServiceReady(const char*) { return false; }
 bool notifyServiceStopping(const char*) { return false; }
+bool notifyServiceStatus(const char*) { return false; }
 
 } // namespace zuPlatform

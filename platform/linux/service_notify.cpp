@@ -2,6 +2,7 @@
 #include "platform/service_notify.h"
 
 #include <systemd/sd-daemon.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <string>
@@ -12,7 +13,7 @@ namespace {
 
 bool notify(const std::string& change, const char* status)
 {
-    return ::sd_notify(0, (change + "\nSTATUS=" + status).c_str()) > 0;
+    return startedByServiceManager() && ::sd_notify(0, (change + "STATUS=" + status).c_str()) > 0;
 }
 
 } // namespace
@@ -20,10 +21,16 @@ bool notify(const std::string& change, const char* status)
 bool startedByServiceManager()
 {
     const char* const socket = std::getenv("NOTIFY_SOCKET");
-    return socket && *socket;
+    if (!socket || !*socket)
+        return false;
+    // Children inherit both; only the process that was started finds its own id. Older managers don't tell it.
+    const char* const started = std::getenv("SYSTEMD_EXEC_PID");
+    return !started || std::to_string(::getpid()) == started;
 }
 
-bool notifyServiceReady(const char* status) { return notify("READY=1", status); }
-bool notifyServiceStopping(const char* status) { return notify("STOPPING=1", status); }
+bool notifyServiceReady(const char* status) { return notify("READY=1\n", status); }
+bool notifyServiceStopping(const char* status) { return notify("STOPPING=1\n", status); }
+
+bool notifyServiceStatus(const char* status) { return notify("", status); }
 
 } // namespace zuPlatform

@@ -5,7 +5,11 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
 #include <utility>
 
 namespace zuPlatform {
@@ -34,6 +38,20 @@ std::string plainForUnit(const std::string& value)
             result += static_cast<unsigned char>(c) < 0x20 ? ' ' : c;
     }
     return result;
+}
+
+/// The first line of a unit that registered itself, with a sum over what follows it (FNV-1a, 64 bits).
+std::string ownMark(const std::string& text)
+{
+    std::uint64_t sum = 0xCBF29CE484222325;
+    for (const char c : text)
+        sum = (sum ^ static_cast<unsigned char>(c)) * 0x100000001B3;
+    char digits[17];
+    std::snprintf(digits, sizeof digits, "%016llx", static_cast<unsigned long long>(sum));
+    return std::string(
+               "# Registered by the program itself. Deleting the service removes this file, and keeps a changed "
+               "one as .bak (") +
+           digits + ").\n";
 }
 
 } // namespace
@@ -76,6 +94,33 @@ std::string quotedForUnit(const std::string& program)
     return result + '"';
 }
 
+bool usableInUnit(const std::string& program)
+{
+    const auto refused = [](char c) {
+        return static_cast<unsigned char>(c) < 0x20 || c == 0x7F || c == '"' || c == '\'' || c == '\\';
+    };
+    return !program.empty() && std::none_of(program.begin(), program.end(), refused);
+}
+
+bool changeableByRootOnly(const std::string& program)
+{
+    const std::unique_ptr<char, decltype(&std::free)> real(::realpath(program.c_str(), nullptr), &std::free);
+    if (!real)
+        return false;
+    const std::string path = real.get();
+    for (std::size_t end = path.size(); end != std::string::npos; end = end == 0 ? end - 1 : path.rfind('/', end - 1)) {
+        struct stat info {};
+        if (::lstat(end == 0 ? "/" : path.substr(0, end).c_str(), &info) != 0 || info.st_uid != 0)
+            return false;
+        // In a directory such as /tmp nobody can replace what belongs to root.
+        const bool sticky = S_ISDIR(info.st_mode) && (info.st_mode & S_ISVTX) != 0;
+        const bool byGroup = (info.st_mode & S_IWGRP) != 0 && info.st_gid != 0;
+        if (!sticky && (byGroup || (info.st_mode & S_IWOTH) != 0))
+            return false;
+    }
+    return true;
+}
+
 bool executableByAll(const std::string& program)
 {
     for (std::size_t slash = program.find('/'); slash != std::string::npos; slash = program.find('/', slash + 1)) {
@@ -109,7 +154,13 @@ std::string serviceUnitText(const ServiceUnit& unit)
         setLine("ProtectHome", "read-only");
     if (isBelow(program, "/tmp/") || isBelow(program, "/var/tmp/"))
         setLine("PrivateTmp", "no");
-    return text;
+    return ownMark(text) + text;
+}
+
+bool isServiceUnitAsWritten(const std::string& text)
+{
+    const std::size_t end = text.find('\n');
+    return end != std::string::npos && text.compare(0, end + 1, ownMark(text.substr(end + 1))) == 0;
 }
 
 } // namespace zuPlatform

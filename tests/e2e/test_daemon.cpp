@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <regex>
+#include <utility>
+
 using namespace zuTest;
 
 namespace {
@@ -31,6 +35,37 @@ TEST(DaemonCommandLine, HelpIsNoSuccess)
         EXPECT_NE(finished.output.find(usage), std::string::npos);
         EXPECT_EQ(finished.output.find("rror"), std::string::npos);
     }
+}
+
+TEST(DaemonCommandLine, ServiceOperationsFailInTheirWordsAndWithStatus0)
+{
+    // Nothing listens at the system bus for these processes.
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+    const std::pair<const char*, const char*> operations[] = {
+        {"--install", "Install"}, {"--delete", "Delete"}, {"--start", "Start"}, {"--stop", "Stop"}};
+    for (const auto& [option, word] : operations) {
+        const Finished finished = daemon({option});
+        EXPECT_TRUE(finished.end.exited);
+        EXPECT_EQ(finished.end.status, 0);
+        const std::regex whole("\n[*]{65}\n {18}[^ \n][^\n]*\n[*]{65}\n\nORTOLAN GigE Vision Service\n"
+                               "Version   : \t1\\.0\\.0\\.0\nBuildDate : \t[A-Z][a-z]{2} [ 0-9]\\d \\d{4}\n\n" +
+                               std::string(word) + " Service failed\n");
+        EXPECT_TRUE(std::regex_match(finished.output, whole)) << finished.output;
+    }
+    ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+}
+
+TEST(DaemonCommandLine, ServiceModeBelowAnotherServiceEndsWithoutAWord)
+{
+    // As a shell inherits it that runs in a service.
+    ::setenv("NOTIFY_SOCKET", "/nonexistent/notify", 1);
+    ::setenv("SYSTEMD_EXEC_PID", "1", 1);
+    const Finished finished = daemon({"--svc"});
+    ::unsetenv("NOTIFY_SOCKET");
+    ::unsetenv("SYSTEMD_EXEC_PID");
+    EXPECT_TRUE(finished.end.exited);
+    EXPECT_EQ(finished.end.status, 0);
+    EXPECT_EQ(finished.output, "");
 }
 
 TEST(DaemonCommandLine, ServiceStartedByHandEndsWithoutAWord)
@@ -89,6 +124,19 @@ TEST(Daemon, SecondOneIsRefused)
     EXPECT_EQ(second.end.status, 0);
     EXPECT_NE(second.output.find("\nAn instance of this application / service is already running on this system.\n\n"),
               std::string::npos);
+    zuGevClient::Connection connection;
+    EXPECT_EQ(connection.retries(), 3u) << "the first one serves on";
+}
+
+TEST(Daemon, ServiceModeBesideItEndsWithoutAWord)
+{
+    DaemonUnderTest running;
+    const auto start = std::chrono::steady_clock::now();
+    const Finished second = daemon({"--svc"});
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+    EXPECT_TRUE(second.end.exited);
+    EXPECT_EQ(second.end.status, 0);
+    EXPECT_EQ(second.output, "");
     zuGevClient::Connection connection;
     EXPECT_EQ(connection.retries(), 3u) << "the first one serves on";
 }

@@ -18,6 +18,7 @@
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <thread>
 
 namespace fs = std::filesystem;
@@ -44,10 +45,13 @@ public:
         path.copy(address.sun_path, sizeof address.sun_path - 1);
         EXPECT_EQ(::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
         ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+        // The tests themselves may run below a service.
+        ::unsetenv("SYSTEMD_EXEC_PID");
     }
     ~NotifySocket()
     {
         ::unsetenv("NOTIFY_SOCKET");
+        ::unsetenv("SYSTEMD_EXEC_PID");
         ::close(fd_);
         fs::remove_all(folder_);
     }
@@ -225,6 +229,41 @@ TEST(LinuxDispatcherByHand, FailsAtOnceWithoutAManager)
     EXPECT_NE(serviceError(), 0u);
     EXPECT_FALSE(notifyServiceReady("Running"));
     EXPECT_FALSE(notifyServiceStopping("Stopping"));
+}
+
+TEST(LinuxDispatcherByHand, WhatAServiceStartsIsNotTheService)
+{
+    NotifySocket manager;
+    ::setenv("SYSTEMD_EXEC_PID", std::to_string(::getppid()).c_str(), 1);
+    EXPECT_FALSE(startedByServiceManager());
+    EXPECT_FALSE(startServiceDispatcher("zuGevSvc", [](std::uint32_t, char**) { ADD_FAILURE() << "the body ran"; }));
+    EXPECT_FALSE(notifyServiceReady("Running"));
+    EXPECT_FALSE(notifyServiceStopping("Stopping"));
+    EXPECT_FALSE(notifyServiceStatus("Somebody else"));
+
+    ::setenv("SYSTEMD_EXEC_PID", std::to_string(::getpid()).c_str(), 1);
+    EXPECT_TRUE(startedByServiceManager());
+    EXPECT_TRUE(notifyServiceStatus("Here"));
+    EXPECT_EQ(manager.receive(), "STATUS=Here") << "and nothing before it";
+}
+
+TEST(LinuxDispatcherDeath, ExceptionOutOfTheControlHandlerEndsTheProcess)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            const NotifySocket manager;
+            startServiceDispatcher("zuGevSvc", [](std::uint32_t, char**) {
+                statusHandle = registerServiceControlHandler(
+                    "zuGevSvc", [](std::uint32_t) { throw std::runtime_error("no stop for you"); });
+                report(4);
+                ::kill(::getpid(), SIGTERM);
+                // Either the process ends, or the test does.
+                std::this_thread::sleep_for(std::chrono::milliseconds(deadlineMs));
+                std::_Exit(0);
+            });
+        },
+        "no stop for you");
 }
 
 TEST(LinuxDispatcherDeath, ExceptionOutOfTheBodyEndsTheProcess)

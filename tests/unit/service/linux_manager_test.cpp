@@ -15,6 +15,7 @@ struct NoBus {
     NoBus()
     {
         ::unsetenv("NOTIFY_SOCKET");
+        ::unsetenv("SYSTEMD_EXEC_PID");
         ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
     }
     ~NoBus() { ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS"); }
@@ -74,6 +75,7 @@ TEST(NoServiceManager, EveryOperationSaysNotSupported)
     EXPECT_FALSE(startedByServiceManager());
     EXPECT_FALSE(notifyServiceReady("Running"));
     EXPECT_FALSE(notifyServiceStopping("Stopping"));
+    EXPECT_FALSE(notifyServiceStatus("Stopping"));
 }
 #endif
 

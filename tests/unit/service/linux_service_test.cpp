@@ -3,6 +3,8 @@
 #include "platform/linux/service_unit.h"
 #include "platform/service_manager.h"
 
+#include <unistd.h>
+
 #include <gmock/gmock.h>
 
 #include <filesystem>
@@ -199,6 +201,71 @@ TEST(ServiceUnitText, NothingInAPathIsTakenForSyntax)
     EXPECT_EQ(quotedForUnit("/gr\xc3\xbc\xc3\x9f"), ":\"/gr\xc3\xbc\xc3\x9f\"");
     const auto lines = linesOf(serviceUnitText({"a\nUser=root", {"/x", " -s\nUser=root"}, ""}));
     EXPECT_THAT(lines, Not(testing::Contains("User=root")));
+}
+
+TEST(ServiceUnitText, ProgramsThatSystemdRunsUnderNoQuoting)
+{
+    EXPECT_TRUE(usableInUnit("/opt/zu gev  100%/zuGev$vc"));
+    EXPECT_TRUE(usableInUnit("/gr\xc3\xbc\xc3\x9f/zuGevSvc"));
+    EXPECT_FALSE(usableInUnit(""));
+    for (const char* path : {"/o'pt/x", "/opt\"/x", "/o\\pt/x", "/opt\n/x", "/opt\x01/x", "/opt/x\x1f", "/opt/x\x7f"})
+        EXPECT_FALSE(usableInUnit(path)) << path;
+}
+
+TEST(ServiceUnitText, KnowsItsOwnTextAgainUntilItIsChanged)
+{
+    const std::string text = serviceUnitText(unitOf("/opt/zuGevSvc"));
+    EXPECT_TRUE(isServiceUnitAsWritten(text));
+    EXPECT_FALSE(isServiceUnitAsWritten(text + "Nice=5\n"));
+    EXPECT_FALSE(isServiceUnitAsWritten(text.substr(text.find('\n') + 1))) << "without the mark";
+    std::string other = text;
+    other.replace(other.find("Restart=on-failure"), 18, "Restart=on-success");
+    EXPECT_FALSE(isServiceUnitAsWritten(other));
+    EXPECT_FALSE(isServiceUnitAsWritten(""));
+    EXPECT_FALSE(isServiceUnitAsWritten("\n"));
+}
+
+TEST(ServiceUnitText, HasRoomForAThousandClientsAndTimeForSilentCameras)
+{
+    const auto lines = linesOf(serviceUnitText(unitOf("/opt/zuGevSvc")));
+    EXPECT_THAT(lines, testing::Contains("LimitNOFILE=16384"));
+    EXPECT_THAT(lines, testing::Contains("TasksMax=16384"));
+    EXPECT_THAT(lines, testing::Contains("TimeoutStopSec=90"));
+    EXPECT_THAT(lines, testing::Contains("After=network.target network-online.target zuLogSvc.service"));
+    EXPECT_THAT(lines, testing::Contains("Wants=zuLogSvc.service"));
+    EXPECT_THAT(lines, testing::Contains("Restart=on-failure"));
+    EXPECT_THAT(lines, testing::Contains("RestrictAddressFamilies=AF_INET AF_UNIX"));
+}
+
+TEST_F(ServiceFiles, RootRunsOnlyWhatNobodyElseCanReplace)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only root can make such files";
+    const std::string path = program("a/b/zuGevSvc");
+    const fs::path directory = fs::path(path).parent_path();
+    EXPECT_TRUE(changeableByRootOnly(path)) << "below a directory that anyone may add to, but not replace in";
+    EXPECT_FALSE(changeableByRootOnly((folder / "none").string()));
+
+    const std::string link = (folder / "link").string();
+    fs::create_symlink(path, link);
+    EXPECT_TRUE(changeableByRootOnly(link));
+
+    for (const fs::path& changed : {fs::path(path), directory, directory.parent_path()}) {
+        const fs::perms before = fs::status(changed).permissions();
+        fs::permissions(changed, fs::perms(0757));
+        EXPECT_FALSE(changeableByRootOnly(path)) << changed << " is open to all";
+        EXPECT_FALSE(changeableByRootOnly(link)) << changed << " is open to all";
+        fs::permissions(changed, fs::perms(0775));
+        EXPECT_TRUE(changeableByRootOnly(path)) << "root's group is root";
+        ASSERT_EQ(::chown(changed.c_str(), 0, 12345), 0);
+        fs::permissions(changed, fs::perms(0775));
+        EXPECT_FALSE(changeableByRootOnly(path)) << changed << " is open to a group";
+        fs::permissions(changed, before);
+        EXPECT_TRUE(changeableByRootOnly(path));
+        ASSERT_EQ(::chown(changed.c_str(), 12345, 0), 0);
+        EXPECT_FALSE(changeableByRootOnly(path)) << changed << " belongs to somebody";
+        ASSERT_EQ(::chown(changed.c_str(), 0, 0), 0);
+    }
 }
 
 TEST_F(ServiceFiles, ExecutableByAllLooksAtTheWholeWay)

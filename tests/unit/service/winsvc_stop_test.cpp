@@ -84,6 +84,7 @@ TEST_F(WinSvcStopTest, StoppedAfterTheDeadlineIsStillStopped)
     fake.statuses = {serviceStatus(3, 0, 30000), serviceStatus(1)};
     service.Stop();
     EXPECT_THAT(FakeClock::sleeps(), ElementsAre(30000));
+    EXPECT_THAT(fake.openHandles(), ElementsAre("manager", "service"));
 }
 
 TEST_F(WinSvcStopTest, ServiceThatRunsAgainIsToldToStop)
@@ -110,6 +111,7 @@ TEST_F(WinSvcStopTest, DeadlineIsNotReachedAtTenSecondsSharp)
     fake.statusAfterControl = serviceStatus(3, 0, 10000);
     EXPECT_EQ(failure([&] { service.Stop(); }), "Timeout");
     EXPECT_THAT(FakeClock::sleeps(), ElementsAre(10000, 1));
+    EXPECT_THAT(fake.openHandles(), ElementsAre("manager", "service"));
 }
 
 TEST_F(WinSvcStopTest, TimeoutIsPrintedWhenVerbose)
@@ -118,6 +120,18 @@ TEST_F(WinSvcStopTest, TimeoutIsPrintedWhenVerbose)
     fake.statuses = {serviceStatus(3, 0, 20000)};
     EXPECT_EQ(failure([&] { service.Stop(); }), "Timeout");
     EXPECT_EQ(printed(), "Timeout\n");
+    EXPECT_THAT(fake.openHandles(), ElementsAre("manager", "service"));
+}
+
+TEST_F(WinSvcStopTest, TimeoutAfterTheControlIsPrintedWhenVerbose)
+{
+    service.verbose = true;
+    fake.statuses = {serviceStatus(4), serviceStatus(3, 0, 20000)};
+    fake.statusAfterControl = serviceStatus(3, 0, 20000);
+    EXPECT_EQ(failure([&] { service.Stop(); }), "Timeout");
+    EXPECT_THAT(fake.calls(), Contains("ControlService(service,1)"));
+    EXPECT_EQ(printed(), "Timeout\n");
+    EXPECT_THAT(fake.openHandles(), ElementsAre("manager", "service"));
 }
 
 TEST_F(WinSvcStopTest, RefusedOpening)
@@ -138,6 +152,7 @@ TEST_F(WinSvcStopTest, RefusedFirstQuery)
     service.verbose = true;
     EXPECT_EQ(failure([&] { service.Stop(); }), "Unable to query service ");
     EXPECT_EQ(printed(), "Unable to query service status\n");
+    EXPECT_THAT(fake.openHandles(), ElementsAre("manager", "service", "service")) << "one of each call";
 }
 
 TEST_F(WinSvcStopTest, RefusedQueryWhileStopping)
@@ -147,6 +162,7 @@ TEST_F(WinSvcStopTest, RefusedQueryWhileStopping)
     EXPECT_EQ(failure([&] { service.Stop(); }), "Unable to query service ");
     EXPECT_EQ(printed(), "Unable to query service status\n");
     EXPECT_THAT(FakeClock::sleeps(), ElementsAre(0));
+    EXPECT_THAT(fake.openHandles(), ElementsAre("manager", "service"));
 }
 
 TEST_F(WinSvcStopTest, RefusedControl)
@@ -158,6 +174,7 @@ TEST_F(WinSvcStopTest, RefusedControl)
     service.verbose = true;
     EXPECT_EQ(failure([&] { service.Stop(); }), "ControlService(SERVICE_CONTROL_STOP) failed");
     EXPECT_EQ(printed(), "ControlService(SERVICE_CONTROL_STOP) failed\n");
+    EXPECT_THAT(fake.openHandles(), ElementsAre("manager", "service", "service")) << "one of each call";
 }
 
 TEST_F(WinSvcStopTest, RefusedQueryAfterTheControl)
@@ -168,6 +185,7 @@ TEST_F(WinSvcStopTest, RefusedQueryAfterTheControl)
     EXPECT_EQ(failure([&] { service.Stop(); }), "QueryServiceStatusEx failed");
     EXPECT_EQ(printed(), "QueryServiceStatusEx failed\n");
     EXPECT_THAT(FakeClock::sleeps(), ElementsAre(40));
+    EXPECT_THAT(fake.openHandles(), ElementsAre("manager", "service"));
 }
 
 } // namespace
