@@ -39,6 +39,23 @@ echo '{}' > "$prefix/etc/zugevsvc/zuLogSvc.json"
 quietly cmake --install "$build" --prefix "$prefix"
 [ "$(cat "$prefix/etc/zugevsvc/zuLogSvc.json")" = '{}' ] || fail "a second installation has overwritten the settings"
 
+# A relative prefix is meant from the folder in which the command runs; units and the pkg-config file need absolute paths.
+(cd "$folder" && quietly cmake --install "$build" --prefix rela/tive)
+relative="$(cd "$folder" && pwd -P)/rela/tive"
+for service in zuGevSvc zuLogSvc; do
+    grep -q "^ExecStart=$relative/sbin/$service " "$relative/lib/systemd/system/$service.service" ||
+        fail "with a relative prefix: $(grep ExecStart= "$relative/lib/systemd/system/$service.service")"
+done
+grep -qF -- "--config $relative/etc/zugevsvc/zuLogSvc.json" "$relative/lib/systemd/system/zuLogSvc.service" ||
+    fail "with a relative prefix the log service finds no settings"
+grep -qxF "prefix=$relative" "$(find "$relative" -name zugevclient.pc)" || fail "with a relative prefix pkg-config finds nothing"
+
+# The root folder as the prefix, here below another.
+DESTDIR="$folder/root" quietly cmake --install "$build" --prefix /
+grep -qxF "ExecStart=/sbin/zuGevSvc -s" "$folder/root/lib/systemd/system/zuGevSvc.service" ||
+    fail "with the prefix /: $(grep ExecStart= "$folder/root/lib/systemd/system/zuGevSvc.service")"
+[ -s "$folder/root/etc/zugevsvc/zuLogSvc.json" ] || fail "with the prefix / there are no settings"
+
 if command -v man > /dev/null; then
     for page in "$prefix"/share/man/man*/*.gz; do
         warnings=$(man --warnings -l "$page" 2>&1 > /dev/null)
