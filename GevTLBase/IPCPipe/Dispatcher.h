@@ -7,11 +7,12 @@
 
 #include "GevTLBase/IPCPipe/IMsgSrc.h"
 #include "GevTLBase/IPCPipe/InstanceMsg.h"
+#include "GevTLBase/IPCPipe/PipeThread.h"
 #include "logging/logstate.h"
 #include "platform/socket.h"
+#include "platform/wake.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -44,9 +45,8 @@ public:
 
     /// One instance's place: one message each way, a later one replaces an unread one.
     struct InstanceInfo {
-        // A boost::condition_variable has a second mutex inside, which a waiter that wakes meets once more.
         std::mutex cmdMutex; ///< guards `cmdMsg`, and `cmdPending` together with it
-        std::condition_variable cmdCond;
+        zuPlatform::WakeWord cmdCond;
         boost::mutex ackMutex; ///< guards `ackMsg`, and `ackPending` together with it
         boost::condition_variable ackCond;
         std::atomic<bool> cmdPending{false};
@@ -56,9 +56,8 @@ public:
         std::atomic<std::uint64_t> remoteIndex{0};
         boost::signals2::signal<void()> abortSignal;
         std::atomic<std::uint64_t> aborted{0};
-        /// Notifications owed for messages already stored. One that comes after its message was read wakes the next
+        /// Notifications owed for acknowledges already stored. One that comes after its message was read wakes the next
         /// wait for nothing, and is not to be taken for a wake-up of its own.
-        std::atomic<unsigned> cmdNotices{0};
         std::atomic<unsigned> ackNotices{0};
     };
 
@@ -145,10 +144,10 @@ private:
 
     std::atomic<bool> stopped{true};
     std::atomic<std::uint64_t> running{0};
-    std::unique_ptr<boost::thread> cmdThread; ///< under `threadLock`
-    std::unique_ptr<boost::thread> ackThread; ///< under `threadLock`
-    zuPlatform::SocketPtr ackSock;            ///< receives acknowledges, sends everything; under `socketLock`
-    zuPlatform::SocketPtr cmdSock;            ///< receives commands; under `socketLock`
+    std::unique_ptr<PipeThread> cmdThread; ///< under `threadLock`
+    std::unique_ptr<PipeThread> ackThread; ///< under `threadLock`
+    zuPlatform::SocketPtr ackSock;         ///< receives acknowledges, sends everything; under `socketLock`
+    zuPlatform::SocketPtr cmdSock;         ///< receives commands; under `socketLock`
     std::atomic<zuPlatform::SocketAddress> rmtAckAddr{};
     std::atomic<zuPlatform::SocketAddress> rmtCmdAddr{};
     std::uint16_t ackPort = 0; ///< own receive ports, network byte order

@@ -7,7 +7,6 @@
 #include "platform/thread.h"
 
 #include <algorithm>
-#include <chrono>
 #include <system_error>
 #include <utility>
 
@@ -17,7 +16,7 @@ namespace zuIPCPipe {
 
 namespace {
 
-constexpr std::chrono::milliseconds readCmdStep(300);
+constexpr std::uint64_t readCmdStepNs = 300000000;
 constexpr std::uint32_t sendRetryPauseMs = 2;
 
 } // namespace
@@ -87,7 +86,7 @@ void CDispatcher::AbortInstance(std::uint64_t index)
         const boost::lock_guard<boost::mutex> ack(info->ackMutex);
         info->aborted = 1;
     }
-    info->cmdCond.notify_one();
+    info->cmdCond.notify_all();
     info->ackCond.notify_one();
 }
 
@@ -154,11 +153,14 @@ bool CDispatcher::ReadCmd(std::shared_ptr<instance_msg>& message, std::uint64_t 
     }
     // No command ever comes to an empty place.
     if (!info) {
-        boost::this_thread::sleep_for(boost::chrono::milliseconds(readCmdStep.count()));
+        boost::this_thread::sleep_for(boost::chrono::nanoseconds(readCmdStepNs));
         return false;
     }
-    std::unique_lock<std::mutex> lock(info->cmdMutex);
+    // Read in one step with the look at the slot: whatever comes after it ends the wait.
+    std::uint32_t seen = 0;
     const auto take = [&] {
+        const std::lock_guard<std::mutex> lock(info->cmdMutex);
+        seen = info->cmdCond.count();
         if (!info->cmdPending.exchange(false))
             return false;
         message = std::move(info->cmdMsg);
@@ -168,19 +170,13 @@ bool CDispatcher::ReadCmd(std::shared_ptr<instance_msg>& message, std::uint64_t 
     if (take())
         return true;
     boost::this_thread::interruption_point(); // the wait below is none
-    const auto deadline = std::chrono::steady_clock::now() + readCmdStep;
-    unsigned belated = info->cmdNotices;
-    for (;;) {
-        if (info->cmdCond.wait_until(lock, deadline) == std::cv_status::timeout)
-            return false;
-        if (info->aborted != 0)
-            return false;
-        if (take())
-            return true;
-        if (belated == 0)
-            throw IPCAbortException("Timeout waiting for command");
-        --belated;
-    }
+    if (!info->cmdCond.waitUntil(seen, zuPlatform::steadyNanoseconds() + readCmdStepNs))
+        return false;
+    if (info->aborted != 0)
+        return false;
+    if (take())
+        return true;
+    throw IPCAbortException("Timeout waiting for command");
 }
 
 bool CDispatcher::ReadAck(std::shared_ptr<instance_msg>& message, std::uint32_t timeout, std::uint64_t index)

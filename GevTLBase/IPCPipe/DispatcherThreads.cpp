@@ -4,7 +4,6 @@
 
 #include "GevTLBase/IPCPipe/IPCException.h"
 #include "GevTLBase/IPCPipe/Instance.h"
-#include "GevTLBase/IPCPipe/ThreadEnd.h"
 #include "logging/log.h"
 #include "platform/process.h"
 #include "platform/thread.h"
@@ -19,14 +18,6 @@ constexpr std::uint32_t receiveStepMs = 250;
 
 /// The dispatcher whose CmdThread or AckThread runs here; null once it was destroyed on this very thread.
 thread_local const CDispatcher* ownDispatcher = nullptr;
-
-void BeginThread(const CDispatcher* dispatcher, const char* name)
-{
-    static_cast<void>(zuPlatform::setCurrentThreadPriority(zuPlatform::ThreadPriority::timeCritical));
-    zuPlatform::nameCurrentThread(name);
-    onPipeThread = true;
-    ownDispatcher = dispatcher;
-}
 
 } // namespace
 
@@ -93,7 +84,7 @@ bool CDispatcher::ReceiveMsg(const zuPlatform::SocketPtr& socket, instance_msg& 
 
 void CDispatcher::CmdThread()
 {
-    BeginThread(this, "zu-cmd");
+    ownDispatcher = this;
     const zuLogging::logstate threadLog = log;
     try {
         zuPlatform::SocketPtr socket;
@@ -116,7 +107,7 @@ void CDispatcher::CmdThread()
 
 void CDispatcher::AckThread()
 {
-    BeginThread(this, "zu-ack");
+    ownDispatcher = this;
     const zuLogging::logstate threadLog = log;
     try {
         zuPlatform::SocketPtr socket;
@@ -162,10 +153,9 @@ void CDispatcher::HandleCmd(std::shared_ptr<instance_msg>& message)
         ReturnMsg(info->cmdMsg);
         info->cmdMsg = std::move(message);
         info->cmdPending.exchange(true);
-        ++info->cmdNotices;
+        info->cmdCond.advance();
     }
-    info->cmdCond.notify_one();
-    --info->cmdNotices;
+    info->cmdCond.wake();
 }
 
 // An answer that can't be sent costs a line in the log.

@@ -40,8 +40,8 @@ void CDispatcher::Start()
     running = 1;
     {
         const std::lock_guard<std::mutex> lock(threadLock);
-        cmdThread = std::make_unique<boost::thread>([this] { CmdThread(); });
-        ackThread = std::make_unique<boost::thread>([this] { AckThread(); });
+        cmdThread = PipeThread::Start(PipeThread::Kind::commandReceiver, [this] { CmdThread(); });
+        ackThread = PipeThread::Start(PipeThread::Kind::acknowledgeReceiver, [this] { AckThread(); });
     }
     stopped = false;
 }
@@ -55,8 +55,8 @@ CDispatcher::~CDispatcher()
     } catch (...) {
         // A disconnect handler that fails has nobody left to tell.
     }
-    std::unique_ptr<boost::thread> ack;
-    std::unique_ptr<boost::thread> cmd;
+    std::unique_ptr<PipeThread> ack;
+    std::unique_ptr<PipeThread> cmd;
     {
         const std::lock_guard<std::mutex> lock(threadLock);
         ack = std::move(ackThread);
@@ -141,8 +141,8 @@ void CDispatcher::JoinThreads()
 {
     if (onPipeThread)
         return;
-    std::unique_ptr<boost::thread> ack;
-    std::unique_ptr<boost::thread> cmd;
+    std::unique_ptr<PipeThread> ack;
+    std::unique_ptr<PipeThread> cmd;
     {
         const std::lock_guard<std::mutex> lock(threadLock);
         ack = std::move(ackThread);

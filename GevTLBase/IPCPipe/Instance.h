@@ -75,7 +75,7 @@ private:
     void FillPayload(instance_msg& message, const void* data, std::size_t length);
     std::shared_ptr<CDispatcher> Dispatcher() const;
     std::shared_ptr<CDispatcher> TakeDispatcher(bool& toRelease);
-    std::unique_ptr<boost::thread> TakeThread();
+    std::unique_ptr<PipeThread> TakeThread();
 
     std::shared_ptr<CDispatcher> dispatcher; ///< null after Abort or Release; under `stateLock`
     const std::uint64_t index;
@@ -84,8 +84,8 @@ private:
     std::atomic<bool> disconnected{false};
     std::atomic<bool> notifyPending{true};
     std::atomic<bool> entered{false};
-    boost::recursive_mutex sendLock;       ///< held for a whole send, the wait included
-    std::unique_ptr<boost::thread> thread; ///< under `stateLock`
+    boost::recursive_mutex sendLock;    ///< held for a whole send, the wait included
+    std::unique_ptr<PipeThread> thread; ///< under `stateLock`
     std::atomic<std::uint64_t> running{1};
     boost::signals2::signal<void(void*, std::size_t, std::size_t&, boost::function<void(unsigned int)>)> msgSignal;
     boost::signals2::connection msgConnection; ///< under `stateLock`

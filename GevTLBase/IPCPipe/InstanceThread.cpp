@@ -2,9 +2,7 @@
 // It holds a share in the instance while a message is handled; while it waits the destructor waits for it.
 #include "GevTLBase/IPCPipe/Instance.h"
 
-#include "GevTLBase/IPCPipe/ThreadEnd.h"
 #include "logging/log.h"
-#include "platform/thread.h"
 
 #include <utility>
 
@@ -25,8 +23,6 @@ void CInstance::LeaveOwnThread()
 
 void CInstance::ThreadProc()
 {
-    zuPlatform::nameCurrentThread("zu-inst");
-    onPipeThread = true;
     ownInstance = this;
     const zuLogging::logstate threadLog = log;
     ZU_LOG(threadLog, zuLogging::log_info, "zuIPCPipe::CInstance::ThreadProc " << static_cast<const void*>(this));

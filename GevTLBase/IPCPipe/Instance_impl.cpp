@@ -56,7 +56,7 @@ void CInstance::Start()
 {
     running = 1;
     const std::lock_guard<std::mutex> lock(stateLock);
-    thread = std::make_unique<boost::thread>([this] { ThreadProc(); });
+    thread = PipeThread::Start(PipeThread::Kind::instance, [this] { ThreadProc(); });
 }
 
 // What does not fit is left out, and the header goes alone.
@@ -262,8 +262,7 @@ void CInstance::Release()
     const std::shared_ptr<CDispatcher> peer = TakeDispatcher(toRelease);
     if (toRelease)
         peer->ReleaseInstance(index);
-    if (const std::unique_ptr<boost::thread> own = TakeThread())
-        own->detach();
+    TakeThread().reset();
 }
 
 // Two threads can come here at once, and the handler must not be called by both. One that failed is called again, and
@@ -290,7 +289,7 @@ void CInstance::WakeThread()
         const std::lock_guard<std::mutex> lock(info->cmdMutex);
         info->aborted = 1;
     }
-    info->cmdCond.notify_one();
+    info->cmdCond.notify_all();
 }
 
 void CInstance::LeaveDispatcher()
@@ -315,7 +314,7 @@ std::shared_ptr<CDispatcher> CInstance::TakeDispatcher(bool& toRelease)
     return std::move(dispatcher);
 }
 
-std::unique_ptr<boost::thread> CInstance::TakeThread()
+std::unique_ptr<PipeThread> CInstance::TakeThread()
 {
     const std::lock_guard<std::mutex> lock(stateLock);
     return std::move(thread);

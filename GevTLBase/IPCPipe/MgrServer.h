@@ -27,6 +27,7 @@ private:
     void ServerThread();
 
     std::atomic<std::uint64_t> serverRun{0};
+    PipeThread::Keeper threadsKept;
     std::unique_ptr<boost::thread> serverThread;
 };
 

@@ -1,14 +1,13 @@
 // How the pipe's threads are waited for, whoever asks.
 #pragma once
 
+#include "GevTLBase/IPCPipe/PipeThread.h"
+
 #include <memory>
 
 #include <boost/thread/thread.hpp>
 
 namespace zuIPCPipe {
-
-/// True on every thread that the pipe has started for a dispatcher or an instance.
-inline thread_local bool onPipeThread = false;
 
 /// Joins the thread; a thread that is asked to end itself is detached. Null is nothing to do. Not interrupted: a handle
 /// dropped half-way would end the process.
@@ -22,6 +21,13 @@ inline void EndThread(std::unique_ptr<boost::thread> thread)
     }
     const boost::this_thread::disable_interruption noInterruption;
     thread->join();
+}
+
+/// The same for a thread that is used again.
+inline void EndThread(std::unique_ptr<PipeThread> thread)
+{
+    if (thread && !thread->IsCurrent())
+        thread->Join();
 }
 
 } // namespace zuIPCPipe

@@ -66,7 +66,7 @@ struct DispatcherProbe {
     {
         auto& instance = dynamic_cast<zuIPCPipe::CInstance&>(source);
         const std::lock_guard<std::mutex> lock(instance.stateLock);
-        instance.thread->interrupt();
+        instance.thread->Interrupt();
     }
 };
 
