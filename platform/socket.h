@@ -8,8 +8,9 @@
 
 namespace zuPlatform {
 
-/// IPv4 address and UDP port, both in network byte order, as a `sockaddr_in` holds them.
-struct SocketAddress {
+/// IPv4 address and UDP port, both in network byte order, as a `sockaddr_in` holds them. Aligned to its size: every
+/// compiler then has a lock-free `std::atomic` of it.
+struct alignas(8) SocketAddress {
     std::uint32_t address = 0;
     std::uint16_t port = 0;
     friend bool operator==(const SocketAddress&, const SocketAddress&) = default;

@@ -49,7 +49,8 @@ struct Failure {
 
 struct Script {
     std::mutex mutex;
-    std::condition_variable changed;
+    std::condition_variable changed; ///< for who receives: an answer has come, or the rules have changed
+    std::condition_variable noted;   ///< for who waits for calls and datagrams
     std::uint64_t generation = 0;
     std::vector<Failure> failures;
     std::deque<Answer> answers;
@@ -82,7 +83,7 @@ struct Script {
     void note(std::size_t socket, const std::string& text)
     {
         calls.push_back(std::to_string(socket) + ' ' + text);
-        changed.notify_all();
+        noted.notify_all();
     }
 };
 
@@ -153,6 +154,7 @@ void setInstantTimeouts(bool instant)
 {
     const std::lock_guard<std::mutex> lock(script().mutex);
     script().instant = instant;
+    script().changed.notify_all();
 }
 
 void onSend(std::function<SendResult(const SentDatagram&)> answer)
@@ -194,14 +196,14 @@ std::size_t countCalls(const std::string& call)
 bool waitForSent(std::size_t count, std::chrono::milliseconds deadline)
 {
     std::unique_lock<std::mutex> lock(script().mutex);
-    return script().changed.wait_until(lock, std::chrono::steady_clock::now() + deadline,
-                                       [&] { return script().sent.size() >= count; });
+    return script().noted.wait_until(lock, std::chrono::steady_clock::now() + deadline,
+                                     [&] { return script().sent.size() >= count; });
 }
 
 bool waitForCall(const std::string& call, std::size_t count, std::chrono::milliseconds deadline)
 {
     std::unique_lock<std::mutex> lock(script().mutex);
-    return script().changed.wait_until(lock, std::chrono::steady_clock::now() + deadline, [&] {
+    return script().noted.wait_until(lock, std::chrono::steady_clock::now() + deadline, [&] {
         const auto& made = script().calls;
         return static_cast<std::size_t>(std::count(made.begin(), made.end(), call)) >= count;
     });
@@ -363,7 +365,7 @@ SendResult DatagramSocket::sendTo(const void* data, std::size_t size, const Sock
         if (state_->generation == s.generation)
             s.sent.push_back(datagram);
         answer = s.answer;
-        s.changed.notify_all();
+        s.noted.notify_all();
     }
     return answer ? answer(datagram) : SendResult{static_cast<std::ptrdiff_t>(size), 0};
 }

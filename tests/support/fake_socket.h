@@ -52,7 +52,8 @@ void pushDatagram(std::vector<std::uint8_t> data, const zuPlatform::SocketAddres
                   std::size_t socket = anySocket);
 void pushReceive(const zuPlatform::ReceiveResult& result, std::size_t socket = anySocket);
 
-/// With true, a `receive` that finds nothing queued reports its timeout at once in place of waiting for it.
+/// With true, a `receive` that finds nothing queued reports its timeout at once in place of waiting for it, one that
+/// waits already included.
 void setInstantTimeouts(bool instant);
 
 /// Called for each datagram that is sent, without any lock; what it returns is the send's result. It may push answers.
