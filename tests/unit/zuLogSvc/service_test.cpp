@@ -1,4 +1,5 @@
 // The service in this process, over real sockets: messages to lines, loss, reload, viewers, the connection block.
+#include "tests/support/child_process.h"
 #include "tests/unit/zuLogSvc/support.h"
 
 #include "platform/shared_memory.h"
@@ -215,40 +216,41 @@ TEST_F(Running, GarbageOfEveryLengthCostsAWarning)
     EXPECT_LE(static_cast<std::uint64_t>(told), 2 * (seconds / 10 + 2));
 }
 
-TEST_F(Running, SixteenSendersWithoutPauseAreAllAccountedFor)
+TEST_F(Running, SixteenProcessesWithoutPauseAreAllAccountedFor)
 {
     constexpr int senders = 16;
     constexpr std::uint64_t each = 3000;
     settings.outputs[0].rotateSize = 1024 * 1024;
     settings.outputs[0].keep = 1000;
     start();
-    std::vector<std::unique_ptr<Sender>> all;
+    const std::string port = std::to_string(zuPlatform::networkToHost16(service->endpoints().message.port));
+    std::vector<std::unique_ptr<zuTest::ChildProcess>> all;
     for (int i = 0; i < senders; ++i)
-        all.push_back(std::make_unique<Sender>(service->endpoints().message));
+        all.push_back(std::make_unique<zuTest::ChildProcess>(std::vector<std::string>{
+            zuTest::builtProgram("logsvc_sender"), port, std::to_string(i), std::to_string(each)}));
+    for (const auto& sender : all)
+        ASSERT_TRUE(sender->waitForOutput("ready"));
+    for (const auto& sender : all)
+        sender->write("\n");
+    for (const auto& sender : all)
+        ASSERT_TRUE(sender->waitForOutput("done", std::chrono::minutes(2)));
     const auto message = [](int sender, std::uint64_t number) {
-        LogMessage out =
-            someMessage("sender " + std::to_string(sender) + " number " + std::to_string(number) + " end", number);
-        out.process = 1000 + static_cast<std::uint64_t>(sender);
-        return out;
+        return someMessage("sender " + std::to_string(sender) + " number " + std::to_string(number) + " end", number);
     };
-    std::vector<std::thread> threads;
-    for (int i = 0; i < senders; ++i)
-        threads.emplace_back([&, i] {
-            for (std::uint64_t number = 1; number <= each; ++number)
-                all[static_cast<std::size_t>(i)]->send(message(i, number));
-        });
-    for (auto& thread : threads)
-        thread.join();
     // A last message of each shows what was lost before it. It is sent until it has come through; twice is no gap.
     for (int i = 0; i < senders; ++i) {
         const std::string end = "sender " + std::to_string(i) + " number " + std::to_string(each + 1) + " end\n";
         ASSERT_TRUE(eventually([&] {
-            all[static_cast<std::size_t>(i)]->send(message(i, each + 1));
+            all[static_cast<std::size_t>(i)]->write("\n");
             std::string text = log();
             for (int old = 1; old <= 3; ++old)
                 text += log("log." + std::to_string(old));
             return text.find(end) != std::string::npos;
         }));
+    }
+    for (const auto& sender : all) {
+        sender->closeInput();
+        EXPECT_TRUE(sender->wait().exited);
     }
     EXPECT_TRUE(service->stop(60000));
     const WriterCounts counts = service->counts();
