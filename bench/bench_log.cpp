@@ -10,6 +10,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -88,15 +90,18 @@ BENCHMARK(bareWrite);
 /// Takes datagrams and drops them, on a thread of its own.
 struct Sink {
     zuBench::Udp socket;
+    std::atomic<bool> ended{false};
     std::thread thread{[this] {
         char buffer[2048];
         while (socket.receive(buffer, sizeof buffer) != 1) {
         }
+        ended = true;
     }};
     ~Sink()
     {
-        zuBench::Udp end;
-        end.send("x", 1, socket.port());
+        // Again and again: a full receive buffer drops it.
+        for (zuBench::Udp end; !ended; std::this_thread::sleep_for(std::chrono::milliseconds(1)))
+            end.send("x", 1, socket.port());
         thread.join();
     }
 };

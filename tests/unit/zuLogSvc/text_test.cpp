@@ -227,8 +227,9 @@ TEST(Line, NeverHoldsControlCharacters)
 
 TEST(Line, ABackspaceIsEscapedWhereTheDaemonsOwnLineHasTheByte)
 {
-    EXPECT_EQ(formatLine(someMessage("Force CCP \b0"), 0, {}),
-              "2026-Nov-12 10:58:49.123456 GEVSVC.Conn.0 [IPConnection|warn] Force CCP \\x080");
+    EXPECT_EQ(formatLine(someMessage("No destination for SendTo. Connection not bound\n\b"), 0, {}),
+              "2026-Nov-12 10:58:49.123456 GEVSVC.Conn.0 [IPConnection|warn] No destination for SendTo. Connection not "
+              "bound \\x08");
 }
 
 TEST(Line, ShowsProcessThreadAndLocationWhereAskedFor)
