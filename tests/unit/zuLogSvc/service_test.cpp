@@ -17,6 +17,9 @@
 #include <map>
 #include <random>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 namespace {
 
 using namespace zuLogSvc;
@@ -517,6 +520,32 @@ TEST_F(Published, AWithdrawnBlockIsNotFoundAndStaysAwayFromTheNext)
     const ConnectionBlock next(endpoints(3, 4));
     block.reset();
     EXPECT_EQ(readConnectionBlock(), endpoints(3, 4));
+}
+
+TEST_F(Published, AnotherUsersBlockIsNotWrittenTo)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only root can become another user";
+    // Left by root, and open to all, as a trap would be.
+    int error = 0;
+    const auto left = zuPlatform::SharedMemory::create(connectionBlockName, Block::bytes, error);
+    ASSERT_NE(left, nullptr);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        if (::setuid(65534) != 0)
+            ::_exit(3);
+        try {
+            const ConnectionBlock block(endpoints(3, 4));
+        } catch (const PublicationError& refused) {
+            ::_exit(std::strstr(refused.what(), "only that user and root can remove") != nullptr ? 0 : 2);
+        }
+        ::_exit(1);
+    }
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    const auto* view = static_cast<const std::uint8_t*>(left->map(Block::bytes));
+    EXPECT_EQ(Packet(view, view + Block::bytes), Packet(Block::bytes));
 }
 
 TEST_F(Published, AStaleBlockOfAnyKindIsTakenOver)
