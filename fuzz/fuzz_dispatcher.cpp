@@ -14,20 +14,17 @@
 #include "GevTLBase/IPCPipe/Dispatcher.h"
 #include "GevTLBase/IPCPipe/IPCException.h"
 #include "GevTLBase/IPCPipe/Instance.h"
-#include "GevTLBase/IPCPipe/ThreadEnd.h"
+#include "GevTLBase/IPCPipe/PipeThread.h"
 #include "fuzz/fuzz_input.h"
 #include "tests/support/fake_socket.h"
 
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <utility>
 #include <vector>
-
-#include <boost/thread/thread.hpp>
 
 namespace zuTest {
 
@@ -48,7 +45,7 @@ struct DispatcherProbe {
     static std::size_t poolSize(zuIPCPipe::CDispatcher& d) { return d.pool.size(); }
     static const zuIPCPipe::instance_msg& poolFront(zuIPCPipe::CDispatcher& d) { return *d.pool.front(); }
     static bool running(zuIPCPipe::CDispatcher& d) { return d.running != 0; }
-    static std::unique_ptr<boost::thread> takeThread(zuIPCPipe::CInstance& i) { return i.TakeThread(); }
+    static std::unique_ptr<zuIPCPipe::PipeThread> takeThread(zuIPCPipe::CInstance& i) { return i.TakeThread(); }
     static void threadProc(zuIPCPipe::CInstance& i)
     {
         i.running = 1;
@@ -85,16 +82,13 @@ MsgHeader headerOf(const Bytes& bytes)
 Bytes bytesOf(const instance_msg& message) { return {message.buffer.begin(), message.buffer.end()}; }
 
 /// Ends an instance's thread where it waits, or is about to wait, for a command.
-void endAtWait(boost::thread& thread, CDispatcher::InstanceInfo& info)
+void endAtWait(PipeThread& thread, CDispatcher::InstanceInfo& info)
 {
-    thread.interrupt();
-    {
-        // From its last look at the interruption to its wait the thread holds the mutex.
-        const std::lock_guard<std::mutex> lock(info.cmdMutex);
-        info.aborted = 1;
-    }
-    info.cmdCond.notify_one();
-    thread.join();
+    // A thread that looks for an interruption too early has looked at the count before, and is woken.
+    thread.Interrupt();
+    info.aborted = 1;
+    info.cmdCond.notify_all();
+    thread.Join();
     info.aborted = 0;
 }
 
@@ -375,12 +369,12 @@ private:
         const std::uint32_t flags = headerOf(*one.cmd).flags;
         if ((flags & (kMsgControl | kMsgTerminate)) == kMsgControl) {
             // Goes on to wait, which needs a thread that can be asked to end there.
-            boost::thread thread([&] { Probe::threadProc(*one.instance); });
-            endAtWait(thread, *dispatcher->Slot(one.index));
+            const auto thread =
+                PipeThread::Start(PipeThread::Kind::instance, [&] { Probe::threadProc(*one.instance); });
+            endAtWait(*thread, *dispatcher->Slot(one.index));
             return;
         }
         Probe::threadProc(*one.instance);
-        onPipeThread = false;
     }
 
     void terminated(Held& one, const Bytes& reply)
@@ -540,7 +534,7 @@ private:
             ++free;
         one->index = free;
         // From here on its thread's work is done when a step says so.
-        if (const std::unique_ptr<boost::thread> thread = Probe::takeThread(*one->instance))
+        if (const std::unique_ptr<PipeThread> thread = Probe::takeThread(*one->instance))
             endAtWait(*thread, *dispatcher->Slot(free));
         slots.resize(std::max(slots.size(), free + 1));
         slots[free] = one.get();
