@@ -77,6 +77,7 @@ private:
     void DoCheckLink(Message& message, Control& control);
     void ReadMemory(Control& control, Access& access);
     void WriteMemory(Control& control, Access& access);
+    void ReadTail(Control& control, Access& access);
     boost::function<void(std::uint32_t)> PendingAckFor(Message& message);
     void RequireClient() const;
     void Notify(std::uint32_t event);

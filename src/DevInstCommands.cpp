@@ -335,6 +335,18 @@ void CDevInst::RequireClient() const
         throw std::runtime_error("client disconnected");
 }
 
+/// The word in which the last bytes lie; a length of less than a word is left.
+void CDevInst::ReadTail(Control& link, Access& access)
+{
+    std::uint8_t word[wordSize] = {};
+    const std::uint64_t offset = access.Misalignment();
+    access.address -= offset;
+    link.ReadMem(access.address, wordSize, word, access.pendingAck);
+    access.address += offset;
+    std::memcpy(access.position, word, access.left);
+    access.Advance(access.left);
+}
+
 void CDevInst::ReadMemory(Control& link, Access& access)
 {
     if (const std::uint64_t head = access.Misalignment(); head != 0) {
@@ -353,15 +365,8 @@ void CDevInst::ReadMemory(Control& link, Access& access)
         link.ReadMem(access.address, chunk, access.position, access.pendingAck);
         access.Advance(chunk);
     }
-    if (access.left != 0) {
-        std::uint8_t word[wordSize] = {};
-        const std::uint64_t offset = access.Misalignment();
-        access.address -= offset;
-        link.ReadMem(access.address, wordSize, word, access.pendingAck);
-        access.address += offset;
-        std::memcpy(access.position, word, access.left);
-        access.Advance(access.left);
-    }
+    if (access.left != 0)
+        ReadTail(link, access);
 }
 
 void CDevInst::DoReadMem(Message& message, Control& link)
@@ -405,16 +410,9 @@ void CDevInst::WriteMemory(Control& link, Access& access)
         link.WriteMem(access.address, static_cast<std::uint32_t>(chunk), access.position, access.pendingAck);
         access.Advance(chunk);
     }
-    if (access.left != 0) {
-        // The odd bytes at the end are read and never written.
-        std::uint8_t word[wordSize] = {};
-        const std::uint64_t offset = access.Misalignment();
-        access.address -= offset;
-        link.ReadMem(access.address, wordSize, word, access.pendingAck);
-        access.address += offset;
-        std::memcpy(access.position, word, access.left);
-        access.Advance(access.left);
-    }
+    // The odd bytes at the end are read and never written.
+    if (access.left != 0)
+        ReadTail(link, access);
 }
 
 void CDevInst::DoWriteMem(Message& message, Control& link)

@@ -131,6 +131,7 @@ private:
     void Start();
     void CmdThread();
     void AckThread();
+    void EndThreads();
     void LeaveOwnThread();
     bool Fetch(const zuPlatform::SocketPtr& socket, std::shared_ptr<instance_msg>& message);
     void HandleDispatcherCmd(std::shared_ptr<instance_msg>& message);

@@ -55,15 +55,7 @@ CDispatcher::~CDispatcher()
     } catch (...) {
         // A disconnect handler that fails has nobody left to tell.
     }
-    std::unique_ptr<PipeThread> ack;
-    std::unique_ptr<PipeThread> cmd;
-    {
-        const std::lock_guard<std::mutex> lock(threadLock);
-        ack = std::move(ackThread);
-        cmd = std::move(cmdThread);
-    }
-    EndThread(std::move(ack));
-    EndThread(std::move(cmd));
+    EndThreads();
     LeaveOwnThread();
 }
 
@@ -139,8 +131,12 @@ void CDispatcher::Shutdown()
 
 void CDispatcher::JoinThreads()
 {
-    if (onPipeThread)
-        return;
+    if (!onPipeThread)
+        EndThreads();
+}
+
+void CDispatcher::EndThreads()
+{
     std::unique_ptr<PipeThread> ack;
     std::unique_ptr<PipeThread> cmd;
     {

@@ -70,6 +70,8 @@ private:
     void Terminated(CDispatcher& source, std::shared_ptr<instance_msg>& message);
     void LeaveOwnThread();
     void FireDisconnect();
+    void Keep(boost::signals2::connection& kept, boost::signals2::connection connection);
+    void Cut(const boost::signals2::connection& kept);
     void LeaveDispatcher();
     void WakeThread();
     void FillPayload(instance_msg& message, const void* data, std::size_t length);

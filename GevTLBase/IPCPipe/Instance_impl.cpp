@@ -172,36 +172,30 @@ void CInstance::ExtendTimeout(std::uint32_t commandSeq, std::uint32_t timeout)
     peer->WriteAck(message, index);
 }
 
-void CInstance::SetMsgHandler(MsgHandler handler)
-{
-    boost::signals2::connection connection = msgSignal.connect(std::move(handler));
-    const std::lock_guard<std::mutex> lock(stateLock);
-    msgConnection.swap(connection);
-}
+void CInstance::SetMsgHandler(MsgHandler handler) { Keep(msgConnection, msgSignal.connect(std::move(handler))); }
 
-void CInstance::ClearMsgHandler()
-{
-    boost::signals2::connection connection;
-    {
-        const std::lock_guard<std::mutex> lock(stateLock);
-        connection = msgConnection;
-    }
-    connection.disconnect();
-}
+void CInstance::ClearMsgHandler() { Cut(msgConnection); }
 
 void CInstance::SetDisconnectHandler(DisconnectHandler handler)
 {
-    boost::signals2::connection connection = disconnectSignal.connect(std::move(handler));
-    const std::lock_guard<std::mutex> lock(stateLock);
-    disconnectConnection.swap(connection);
+    Keep(disconnectConnection, disconnectSignal.connect(std::move(handler)));
 }
 
-void CInstance::ClearDisconnectHandler()
+void CInstance::ClearDisconnectHandler() { Cut(disconnectConnection); }
+
+// What stood there before stays connected.
+void CInstance::Keep(boost::signals2::connection& kept, boost::signals2::connection connection)
+{
+    const std::lock_guard<std::mutex> lock(stateLock);
+    kept.swap(connection);
+}
+
+void CInstance::Cut(const boost::signals2::connection& kept)
 {
     boost::signals2::connection connection;
     {
         const std::lock_guard<std::mutex> lock(stateLock);
-        connection = disconnectConnection;
+        connection = kept;
     }
     connection.disconnect();
 }

@@ -19,8 +19,8 @@ constexpr std::uint64_t nsPerSecond = 1000000000;
 
 long futex(std::atomic<std::uint32_t>& word, int operation, std::uint32_t value, const timespec* deadline)
 {
-    return ::syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&word), operation | FUTEX_PRIVATE_FLAG, value, deadline,
-                     nullptr, FUTEX_BITSET_MATCH_ANY);
+    return ::syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&word), operation | FUTEX_PRIVATE_FLAG, value,
+                     deadline, nullptr, FUTEX_BITSET_MATCH_ANY);
 }
 
 } // namespace

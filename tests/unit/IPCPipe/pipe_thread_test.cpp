@@ -117,7 +117,8 @@ TEST(PipeThread, AnInterruptionIsForItsBodyAlone)
         thread->Join();
         thread->Interrupt(); // comes when nothing runs
         EXPECT_TRUE(eventually([&] {
-            const auto ids = idsOfMany(Kind::instance, [] { EXPECT_FALSE(boost::this_thread::interruption_requested()); });
+            const auto ids =
+                idsOfMany(Kind::instance, [] { EXPECT_FALSE(boost::this_thread::interruption_requested()); });
             return ids.count(id) != 0;
         }));
     }
