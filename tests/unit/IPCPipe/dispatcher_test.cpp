@@ -1,59 +1,14 @@
 // A dispatcher's threads against a peer of bare sockets: what each kind of message does, and where the buffers go.
-#include "tests/unit/IPCPipe/pipe_support.h"
+#include "tests/unit/IPCPipe/server_bench.h"
 
-#include "platform/process.h"
-#include "platform/thread.h"
 #include "tests/support/recording_target.h"
 
-#include <algorithm>
 #include <atomic>
 
 namespace zuTest {
 namespace {
 
 using namespace zuIPCPipe;
-using namespace std::chrono_literals;
-
-/// What a bench's callback fills: there before the bench's threads.
-struct Received {
-    std::atomic<std::size_t> poolBeforeTerminate{0};
-    std::mutex mutex;
-    std::vector<std::shared_ptr<IMsgSrc>> instances;
-};
-
-/// A bench in the server's role that keeps the instances it is given.
-struct ServerBench : Received, Bench {
-    ServerBench() : Bench([this](std::shared_ptr<IMsgSrc> source) { take(std::move(source)); }) {}
-    ~ServerBench()
-    {
-        dispatcher->Shutdown();
-        dispatcher->JoinThreads();
-    }
-    void take(std::shared_ptr<IMsgSrc> source)
-    {
-        source->SetMsgHandler(echo(8));
-        // The release that follows trims the pool; by then the command thread is to have its next buffer.
-        source->SetDisconnectHandler([this] {
-            const std::size_t full = poolBeforeTerminate;
-            EXPECT_TRUE(full == 0 || poolBecomes(full - 1));
-        });
-        const std::lock_guard<std::mutex> lock(mutex);
-        instances.push_back(std::move(source));
-    }
-    std::uint32_t connect(std::uint32_t ownIndex)
-    {
-        command(message(kMsgDispatcher | kMsgConnect, ownIndex));
-        return static_cast<std::uint32_t>(number(ack.receive().value(), 20, 4));
-    }
-    void terminate(std::uint32_t index)
-    {
-        poolBeforeTerminate = DispatcherProbe::poolSize(*dispatcher);
-        command(message(kMsgControl | kMsgTerminate, index));
-        EXPECT_TRUE(ack.receive());
-        EXPECT_TRUE(eventually([&] { return !DispatcherProbe::slot(*dispatcher, index); }));
-        poolBeforeTerminate = 0;
-    }
-};
 
 TEST(Dispatcher, HasTwoMessagesInCirculationAndThreeMoreForEachInstance)
 {
@@ -145,6 +100,47 @@ TEST(Dispatcher, EchoesAnyOtherDispatcherMessageUnchanged)
     // The length is the one that the buffer had before; the bytes behind a header are what stands in it.
     bench.command(message(kMsgDispatcher, 12345, 6, 7));
     EXPECT_EQ(bench.ack.receive().value(), message(kMsgDispatcher, 12345, 6, 7));
+}
+
+TEST(Dispatcher, WorksOnTheRestOfTheOldBufferWhenADatagramIsShorterThanAHeader)
+{
+    ServerBench bench;
+    // With an empty pool the command thread's one buffer comes round at once.
+    ASSERT_TRUE(bench.poolBecomes(0));
+    bench.command(message(kMsgDispatcher, 12345, 6, 7));
+    EXPECT_EQ(bench.ack.receive().value(), message(kMsgDispatcher, 12345, 6, 7));
+    Bytes start = message(kMsgDispatcher, 0, 99, 0);
+    start.resize(12); // up to the number
+    bench.command(start);
+    EXPECT_EQ(bench.ack.receive().value(), message(kMsgDispatcher, 12345, 99, 7));
+    bench.command({});
+    EXPECT_EQ(bench.ack.receive().value(), message(kMsgDispatcher, 12345, 99, 7)) << "an empty one is one too";
+    bench.command({});
+    EXPECT_EQ(bench.ack.receive().value(), message(kMsgDispatcher, 12345, 99, 7));
+}
+
+TEST(Dispatcher, LetsTheManagerForgetItBeforeTheCallbackAndAnswersAfterIt)
+{
+    std::atomic<Bench*> callersBench{nullptr};
+    std::promise<void> returned;
+    int forgottenBefore = -1;
+    std::size_t poolBefore = 99;
+    bool answeredBefore = true;
+    Bench bench([&](std::shared_ptr<IMsgSrc>) {
+        Bench& own = *callersBench;
+        forgottenBefore = own.forgotten;
+        poolBefore = DispatcherProbe::poolSize(*own.dispatcher);
+        answeredBefore = own.ack.receive(0).has_value(); // what was sent before is here already
+        returned.set_value();
+    });
+    callersBench = &bench;
+    ASSERT_TRUE(bench.poolBecomes(0));
+    bench.command(message(kMsgDispatcher | kMsgConnect, 5));
+    returned.get_future().wait();
+    EXPECT_EQ(number(bench.ack.receive().value(), 12, 4), 0x122u);
+    EXPECT_EQ(forgottenBefore, 1);
+    EXPECT_EQ(poolBefore, 0u) << "the instance's buffers come after the callback";
+    EXPECT_FALSE(answeredBefore);
 }
 
 TEST(Dispatcher, KeepsTheStaleSendLengthInAnEchoAndInAConnectReply)
@@ -323,99 +319,6 @@ TEST(Dispatcher, ShutsDownRepeatedlyAndFiresNothingTheSecondTime)
     instance_msg late;
     EXPECT_EQ(thrown([&] { bench.dispatcher->WriteAck(late, CDispatcher::kNoIndex); }),
               "IPCSocketException: Socket sendto failed");
-}
-
-/// Receives nothing, and throws what a test asks for on the thread that it asks for.
-struct FaultyDispatcher : CDispatcher {
-    template <typename Token>
-    explicit FaultyDispatcher(Token token) : CDispatcher(token, {}, {}, 0)
-    {
-    }
-    bool ReceiveMsg(const zuPlatform::SocketPtr& socket, instance_msg& message, std::uint32_t timeout) override
-    {
-        const bool acknowledges = socket == DispatcherProbe::ackSocket(*this);
-        if (acknowledges && interruptAck.exchange(false))
-            throw boost::thread_interrupted();
-        if (!acknowledges && failures.load() > 0 && failures-- > 0)
-            throw std::runtime_error("no datagram");
-        return CDispatcher::ReceiveMsg(socket, message, std::min(timeout, 10u));
-    }
-    std::atomic<bool> interruptAck{false};
-    std::atomic<int> failures{0};
-};
-
-TEST(Dispatcher, EndsItsAcknowledgeThreadOnInterruptionAndLeavesTheOther)
-{
-    LogRecorder logs;
-    const auto dispatcher = DispatcherProbe::make<FaultyDispatcher>();
-    RawSocket cmd;
-    RawSocket ack;
-    dispatcher->SetRemotePorts(cmd.port(), ack.port());
-    dispatcher->interruptAck = true;
-    EXPECT_TRUE(logs.waitFor("Dispatcher AckThread caught boost::thread_interrupted"));
-    EXPECT_TRUE(logs.waitFor("Dispatcher AckThread Terminated"));
-    EXPECT_TRUE(DispatcherProbe::running(*dispatcher));
-    ack.send(message(kMsgDispatcher, 0, 61), dispatcher->CmdPort());
-    EXPECT_EQ(number(ack.receive().value(), 8, 4), 61u);
-    dispatcher->Shutdown();
-    dispatcher->JoinThreads();
-}
-
-TEST(Dispatcher, LosesNeitherThreadNorBufferToAFailedReceive)
-{
-    LogRecorder logs;
-    const auto dispatcher = DispatcherProbe::make<FaultyDispatcher>();
-    RawSocket cmd;
-    RawSocket ack;
-    dispatcher->SetRemotePorts(cmd.port(), ack.port());
-    dispatcher->failures = 1000;
-    EXPECT_TRUE(eventually([&] { return dispatcher->failures <= 0; }));
-    ack.send(message(kMsgDispatcher, 0, 62), dispatcher->CmdPort());
-    EXPECT_EQ(number(ack.receive().value(), 8, 4), 62u);
-    EXPECT_TRUE(eventually([&] { return DispatcherProbe::poolSize(*dispatcher) == 0; }));
-    EXPECT_EQ(logs.texts("IPCDIS"), std::vector<std::string>{"CTOR Dispatcher\n"});
-    dispatcher->Shutdown();
-    dispatcher->JoinThreads();
-}
-
-TEST(Dispatcher, EndsItsCommandThreadWhenTheNewInstanceCallbackThrows)
-{
-    LogRecorder logs;
-    Bench bench([](std::shared_ptr<IMsgSrc>) { throw std::runtime_error(": no room"); });
-    bench.command(message(kMsgDispatcher | kMsgConnect, 0));
-    EXPECT_TRUE(logs.waitFor("Dispatcher CmdThread cought std::exception: no room"));
-    EXPECT_TRUE(logs.waitFor("Dispatcher CmdThread Terminated"));
-    EXPECT_FALSE(logs.contains("Dispatcher AckThread Terminated"));
-    for (const Record& record : logs.records()) {
-        if (record.text == "Dispatcher CmdThread cought std::exception: no room") {
-            EXPECT_EQ(record.level, zuLogging::log_warn);
-            EXPECT_NE(record.location, "");
-        }
-    }
-}
-
-TEST(Dispatcher, EndsItsCommandThreadWhenTheNewInstanceCallbackIsInterrupted)
-{
-    LogRecorder logs;
-    Bench bench([](std::shared_ptr<IMsgSrc>) { throw boost::thread_interrupted(); });
-    bench.command(message(kMsgDispatcher | kMsgConnect, 0));
-    EXPECT_TRUE(logs.waitFor("Dispatcher CmdThread cought boost::interrupted"));
-    EXPECT_TRUE(logs.waitFor("Dispatcher CmdThread Terminated"));
-}
-
-TEST(Dispatcher, SwallowsAConnectReplyThatCannotBeSentAndLogsTheOthers)
-{
-    LogRecorder logs;
-    ServerBench bench;
-    bench.dispatcher->SetRemotePorts(bench.cmd.port(), 0); // nothing can be sent to port 0
-    bench.command(message(kMsgDispatcher | kMsgConnect, 0));
-    EXPECT_TRUE(eventually([&] { return bench.dispatcher->InstanceCount() == 1; }));
-    bench.command(message(kMsgDispatcher, 0));
-    EXPECT_TRUE(logs.waitFor("WriteAck caused exception: Socket sendto failed"));
-    EXPECT_EQ(logs.count("WriteAck caused exception: Socket sendto failed"), 1u);
-    bench.command(message(kMsgDispatcher | kMsgTerminate, 0));
-    EXPECT_TRUE(logs.waitFor("WriteAck caused exception: Socket sendto failed", 2));
-    EXPECT_TRUE(logs.waitFor("Dispatcher CmdThread Terminated"));
 }
 
 TEST(Dispatcher, DoesNotEnforceItsLimitOfInstances)

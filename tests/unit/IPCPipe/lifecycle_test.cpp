@@ -2,19 +2,15 @@
 // pipe's own threads. What counts here is that everything ends, nothing ends twice, and others are served on.
 #include "tests/unit/IPCPipe/pipe_support.h"
 
-#include "platform/process.h"
-#include "platform/thread.h"
 #include "tests/support/recording_target.h"
 
 #include <atomic>
-#include <cstring>
 #include <thread>
 
 namespace zuTest {
 namespace {
 
 using namespace zuIPCPipe;
-using namespace std::chrono_literals;
 
 bool answers(IMsgSrc& source, std::uint8_t value, std::uint32_t timeout = 20000)
 {
@@ -357,75 +353,6 @@ TEST(Lifecycle, ManyConnectionsLeaveNoDispatcherBehind)
         return true;
     }));
     EXPECT_LE(MgrProbe::dispatcherSlots(server.manager()), 5u) << "entries of dead ones are used again";
-}
-
-TEST(ClientDispatcher, EndsBothSidesByTerminate)
-{
-    Server server;
-    const auto client = MakeClientManager();
-    const auto source = Connect(*client, 20000);
-    const auto dispatcher = DispatcherProbe::dispatcherOf(*source);
-    EXPECT_TRUE(dispatcher->Terminate(20000));
-    EXPECT_FALSE(source->IsConnected());
-    EXPECT_TRUE(server.waitForDisconnects(1));
-    server.dropInstances();
-    EXPECT_TRUE(eventually([&] { return !MgrProbe::dispatcher(server.manager(), 0); }));
-    EXPECT_FALSE(dispatcher->Terminate(0));
-}
-
-TEST(ClientDispatcher, TakesOnlyTheAcknowledgeOfItsOwnRequest)
-{
-    Bench bench;
-    auto source = std::async(std::launch::async, [&] { return bench.dispatcher->Connect(20000); });
-    const Bytes request = bench.cmd.receive().value();
-    EXPECT_EQ(request, message(0x102, 0, 1));
-    bench.acknowledge(message(0x130, 50, 1)); // of a terminate
-    bench.acknowledge(message(0x102, 50, 1)); // no acknowledge
-    bench.acknowledge(message(0x122, 50, 9)); // of another request
-    bench.acknowledge(message(0x122, 33, 1));
-    const auto instance = source.get();
-    ASSERT_TRUE(instance);
-    EXPECT_EQ(DispatcherProbe::slot(*bench.dispatcher, 0)->remoteIndex, 33u);
-    Bytes data{1};
-    instance->Post(data.data(), 1);
-    EXPECT_EQ(bench.cmd.receive().value(), message(kMsgNoAck, 33, 1, 0, {1}));
-    bench.dispatcher->Shutdown();
-}
-
-TEST(ClientDispatcher, GivesItsSlotBackWhenNobodyAnswersAndSendsNothingMore)
-{
-    Bench bench;
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(thrown([&] { bench.dispatcher->Connect(150); }), "IPCTimeoutException: Wait for Ack failed");
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 150ms);
-    EXPECT_EQ(bench.dispatcher->InstanceCount(), 0u);
-    EXPECT_EQ(bench.cmd.receive().value(), message(0x102, 0, 1));
-    EXPECT_FALSE(bench.cmd.receive(0)) << "the peer's index is not known: an end sent to it could hit another";
-    EXPECT_FALSE(bench.dispatcher->Connect(20000)) << "without a connection the peer's dispatcher is gone";
-    EXPECT_FALSE(bench.cmd.receive(0));
-}
-
-TEST(ClientDispatcher, StaysInUseBesideALiveConnectionAndIgnoresALateAnswer)
-{
-    Bench bench;
-    const auto connect = [&] {
-        return std::async(std::launch::async, [&] { return bench.dispatcher->Connect(20000); });
-    };
-    auto first = connect();
-    EXPECT_EQ(bench.cmd.receive().value(), message(0x102, 0, 1));
-    bench.acknowledge(message(0x122, 5, 1));
-    const auto anchor = first.get();
-    ASSERT_TRUE(anchor);
-    EXPECT_EQ(thrown([&] { bench.dispatcher->Connect(50); }), "IPCTimeoutException: Wait for Ack failed");
-    EXPECT_EQ(bench.cmd.receive().value(), message(0x102, 1, 2));
-    auto third = connect();
-    EXPECT_EQ(bench.cmd.receive().value(), message(0x102, 1, 3));
-    bench.acknowledge(message(0x122, 6, 2)); // comes too late for the second
-    bench.acknowledge(message(0x122, 7, 3));
-    EXPECT_TRUE(third.get());
-    EXPECT_EQ(DispatcherProbe::slot(*bench.dispatcher, 1), nullptr) << "the connection was dropped at once";
-    bench.dispatcher->Shutdown();
-    EXPECT_FALSE(bench.dispatcher->Connect(20000));
 }
 
 } // namespace

@@ -5,7 +5,6 @@
 #include "GevTLBase/IPCPipe/MgrFactory.h"
 #include "platform/process.h"
 #include "platform/shared_memory.h"
-#include "tests/support/recording_target.h"
 
 #include <atomic>
 #include <cstring>
@@ -15,7 +14,6 @@ namespace zuTest {
 namespace {
 
 using namespace zuIPCPipe;
-using namespace std::chrono_literals;
 using zuPlatform::SharedMemory;
 
 Bytes sharedObject(std::size_t bytes = 2048)
@@ -74,31 +72,6 @@ TEST(SharedObject, KeepsTheDeadServersPortUntilTheNextOne)
     EXPECT_EQ(thrown([&] { Connect(*client, 20000); }), "IPCException: Socket recv failed");
     const auto server = std::make_shared<CMgrServer>([](auto) {});
     EXPECT_EQ(number(sharedObject(), 8, 2), MgrProbe::serverPort(*server));
-}
-
-TEST(ClientManager, NeedsAnObjectWithAPort)
-{
-    const OwnNames names;
-    EXPECT_EQ(thrown([] { MakeClientManager(); }),
-              "IPCException: Unable to open shared object: no server has been started");
-    int error = 0;
-    const auto object = SharedMemory::create(kSharedObjectName, 2048, error);
-    ASSERT_TRUE(object);
-    EXPECT_EQ(thrown([] { MakeClientManager(); }), "IPCException: Shared object has no port: the server is not ready");
-    static_cast<std::uint8_t*>(object->map(2048))[8] = 1;
-    const auto client = MakeClientManager();
-    EXPECT_FALSE(client->IsServer());
-    EXPECT_EQ(MgrProbe::serverPort(*client), 1);
-}
-
-TEST(ClientManager, IsNotHeldUpByAnObjectThatIsTooShort)
-{
-    const OwnNames names;
-    int error = 0;
-    const auto object = SharedMemory::create(kSharedObjectName, 8, error);
-    ASSERT_TRUE(object);
-    EXPECT_EQ(thrown([] { MakeClientManager(); }),
-              "IPCException: Unable to open shared object: no server has been started");
 }
 
 TEST(Announce, IsAnsweredWithTheSameBytesAndThePortsOfANewDispatcher)
@@ -205,77 +178,6 @@ TEST(Announce, ReusesTheManagersEntryOfADispatcherThatIsGone)
     EXPECT_EQ(MgrProbe::dispatcherSlots(server.manager()), 1u);
     RawPeer another(server.port());
     EXPECT_EQ(MgrProbe::dispatcherSlots(server.manager()), 2u);
-}
-
-TEST(ClientManager, AnnouncesADispatcherAndTakesItsPortsOver)
-{
-    Server server;
-    const auto client = MakeClientManager();
-    std::shared_ptr<CDispatcher> dispatcher;
-    client->GetDispatcher(dispatcher, 77);
-    ASSERT_TRUE(dispatcher);
-    EXPECT_EQ(dispatcher->Pid(), zuPlatform::currentProcessId()) << "whatever was asked for";
-    const auto remote = MgrProbe::dispatcher(server.manager(), 0);
-    EXPECT_EQ(remote->Pid(), zuPlatform::currentProcessId());
-    instance_msg out;
-    out.header().flags = kMsgDispatcher;
-    EXPECT_EQ(thrown([&] { dispatcher->WriteCmd(out, CDispatcher::kNoIndex); }), "");
-    EXPECT_EQ(MgrProbe::pending(*client), 0u);
-}
-
-TEST(ClientManager, FindsALiveDispatcherThatHasRoom)
-{
-    Server server;
-    const auto client = MakeClientManager();
-    std::shared_ptr<CDispatcher> first;
-    client->GetDispatcher(first, 0);
-    std::shared_ptr<CDispatcher> found;
-    client->GetDispatcher(found, 0);
-    EXPECT_EQ(found, first);
-    client->GetDispatcher(found, zuPlatform::currentProcessId());
-    EXPECT_EQ(found, first);
-    client->GetDispatcher(found, 1);
-    EXPECT_NE(found, first) << "another process's";
-    found.reset();
-    std::vector<std::shared_ptr<CDispatcher::InstanceInfo>> infos(30);
-    for (auto& info : infos)
-        first->AddInstance(info);
-    client->GetDispatcher(found, 0);
-    EXPECT_NE(found, first) << "thirty instances are its limit";
-}
-
-TEST(ClientManager, FailsWithoutAnAnswerToItsRequest)
-{
-    const OwnNames names;
-    RawSocket nobody;
-    int error = 0;
-    const auto object = SharedMemory::create(kSharedObjectName, 2048, error);
-    auto* bytes = static_cast<std::uint8_t*>(object->map(2048));
-    const std::uint16_t port = nobody.port();
-    std::memcpy(bytes + 8, &port, 2);
-    const auto client = MakeClientManager();
-    std::shared_ptr<CDispatcher> dispatcher;
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(thrown([&] { client->GetDispatcher(dispatcher, 0); }), "IPCException: Socket recv failed");
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 300ms);
-    EXPECT_FALSE(dispatcher);
-    EXPECT_EQ(MgrProbe::dispatcherSlots(*client), 0u);
-
-    const Bytes request = nobody.receive().value();
-    ASSERT_EQ(request.size(), 16u);
-    EXPECT_EQ(number(request, 0, 4), 0u);
-    EXPECT_EQ(number(request, 4, 4), zuPlatform::currentProcessId());
-    EXPECT_NE(number(request, 8, 2), 0u);
-    EXPECT_NE(number(request, 10, 2), 0u);
-    EXPECT_EQ(number(request, 12, 4), 0u);
-
-    // The late answer to the first request is not taken for the answer to a second one.
-    Bytes late = request;
-    setNumber(late, 12, 4, 0x11111111);
-    zuPlatform::SocketAddress address;
-    MgrProbe::socket(*client)->getLocalAddress(address);
-    nobody.send(late, address.port);
-    EXPECT_EQ(thrown([&] { client->GetDispatcher(dispatcher, 0); }), "IPCException: Socket recv failed");
 }
 
 TEST(ServerManager, RefusesToAnnounceADispatcher)

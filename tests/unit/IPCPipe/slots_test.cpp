@@ -1,7 +1,7 @@
 // Slots, buffers and the four transfer operations, called as instances call them.
 #include "tests/unit/IPCPipe/pipe_support.h"
 
-#include "tests/support/recording_target.h"
+#include "tests/support/log_lines.h"
 
 #include <atomic>
 #include <thread>
@@ -21,6 +21,15 @@ Result notifying(std::future<Result> result, Condition& condition)
     while (result.wait_for(1ms) != std::future_status::ready)
         condition.notify_all();
     return result.get();
+}
+
+/// The mutex of a slot, from the moment at which the reader that was started after `pending` was set waits. A mark
+/// without a message is taken back by the reader under the mutex, which it then keeps until its wait.
+template <typename Mutex>
+std::unique_lock<Mutex> lockWhileTheReaderWaits(Mutex& mutex, const std::atomic<bool>& pending)
+{
+    EXPECT_TRUE(eventually([&] { return !pending; }));
+    return std::unique_lock<Mutex>(mutex);
 }
 
 TEST(Slots, AreReusedFromTheLowestAndTheVectorNeverShrinks)
@@ -113,7 +122,7 @@ TEST(Slots, RefuseAnIndexAtOrPastTheEndWithTheWordsOfEachOperation)
         EXPECT_EQ(thrown([&] { d.ReadAck(in, 0, index); }), "IPCException: Invalid ReadAck id");
     }
     EXPECT_EQ(thrown([&] { d.AbortInstance(CDispatcher::kNoIndex); }), "IPCException: Invalid instance index");
-    EXPECT_EQ(logs.count("Invalid Index;"), 3u);
+    expectLines(logs, "Invalid Index;", zuLogging::log_warn, "IPCDIS", 3);
     EXPECT_FALSE(bench.cmd.receive(0));
     EXPECT_FALSE(bench.ack.receive(0));
 }
@@ -171,7 +180,7 @@ TEST(Slots, RefuseAFreedOneInReadAckAndInTheWrites)
     bench.dispatcher->ReleaseInstance(0);
     std::shared_ptr<instance_msg> in;
     EXPECT_EQ(thrown([&] { bench.dispatcher->ReadAck(in, 0, 0); }), "IPCException: Invalid Instance");
-    EXPECT_EQ(logs.count("Invalid Instance"), 1u);
+    expectLines(logs, "Invalid Instance", zuLogging::log_warn, "IPCDIS");
     instance_msg out;
     EXPECT_EQ(thrown([&] { bench.dispatcher->WriteCmd(out, 0); }), "IPCException: Invalid instance vector id");
     EXPECT_EQ(thrown([&] { bench.dispatcher->WriteAck(out, 0); }), "IPCException: Invalid instance index");
@@ -232,45 +241,52 @@ TEST(ReadCmd, CallsAWakeWithoutACommandATimeout)
     EXPECT_EQ(notifying(std::move(words), info->cmdCond), "IPCAbortException: Timeout waiting for command");
 }
 
-TEST(ReadCmd, AsksForTheAbortFirstAndReadAckForTheMessage)
+// Message and abort come in one step, to a reader that waits already.
+TEST(ReadCmd, AsksForTheAbortFirst)
 {
     Bench bench;
     std::shared_ptr<Info> info;
     bench.dispatcher->AddInstance(info);
-    // Each waits; then message and abort come in one step.
-    const auto arrive = [&](auto& mutex, auto& condition, std::atomic<bool>& pending,
-                            std::shared_ptr<instance_msg>& slot) {
-        const std::lock_guard lock(mutex);
-        info->aborted = 1;
-        slot = std::make_shared<instance_msg>();
-        pending = true;
-        condition.notify_all();
-    };
-    std::promise<void> waiting;
-    auto cmd = std::async(std::launch::async, [&] {
-        std::shared_ptr<instance_msg> in;
-        std::unique_lock<std::mutex> lock(info->cmdMutex);
-        waiting.set_value();
-        lock.unlock();
-        return bench.dispatcher->ReadCmd(in, 0);
-    });
-    waiting.get_future().wait();
-    // The wait is 300 ms; a loaded machine may make the thread come after the arrival, which then finds the message.
-    std::this_thread::sleep_for(50ms);
-    arrive(info->cmdMutex, info->cmdCond, info->cmdPending, info->cmdMsg);
-    const bool taken = cmd.get();
-    EXPECT_EQ(info->cmdPending.load(), !taken);
+    for (int round = 0; round < 5; ++round) {
+        info->aborted = 0;
+        info->cmdPending = true;
+        auto result = std::async(std::launch::async, [&] {
+            std::shared_ptr<instance_msg> in;
+            return bench.dispatcher->ReadCmd(in, 0);
+        });
+        {
+            const auto lock = lockWhileTheReaderWaits(info->cmdMutex, info->cmdPending);
+            info->aborted = 1;
+            info->cmdMsg = std::make_shared<instance_msg>();
+            info->cmdPending = true;
+            info->cmdCond.notify_all();
+        }
+        EXPECT_FALSE(result.get());
+        EXPECT_TRUE(info->cmdPending) << "the command is left where it was";
+        EXPECT_TRUE(info->cmdMsg);
+        info->cmdMsg.reset();
+    }
+}
 
-    info->aborted = 0;
-    std::promise<void> started;
-    auto ack = std::async(std::launch::async, [&] {
-        std::shared_ptr<instance_msg> in;
-        started.set_value();
-        return bench.dispatcher->ReadAck(in, 20000, 0);
-    });
-    started.get_future().wait();
-    arrive(info->ackMutex, info->ackCond, info->ackPending, info->ackMsg);
-    EXPECT_TRUE(ack.get());
+TEST(ReadAck, AsksForTheMessageFirst)
+{
+    Bench bench;
+    std::shared_ptr<Info> info;
+    bench.dispatcher->AddInstance(info);
+    info->ackPending = true;
+    std::shared_ptr<instance_msg> in;
+    auto result = std::async(std::launch::async, [&] { return bench.dispatcher->ReadAck(in, 60000, 0); });
+    const auto sent = std::make_shared<instance_msg>();
+    {
+        const auto lock = lockWhileTheReaderWaits(info->ackMutex, info->ackPending);
+        info->aborted = 1;
+        info->ackMsg = sent;
+        info->ackPending = true;
+        info->ackCond.notify_one();
+    }
+    EXPECT_TRUE(result.get());
+    EXPECT_EQ(in, sent);
+    EXPECT_FALSE(info->ackPending);
 }
 
 TEST(ReadAck, WaitsForItsTimeout)
@@ -300,7 +316,7 @@ TEST(ReadAck, CallsAWakeWithoutAnAcknowledgeATimeoutInItsOwnWords)
         return thrown([&] { bench.dispatcher->ReadAck(in, 20000, 0); });
     });
     EXPECT_EQ(notifying(std::move(words), info->ackCond), "IPCAbortException: Ack timeout");
-    EXPECT_EQ(logs.count("Ack Timeout"), 1u);
+    expectLines(logs, "Ack Timeout", zuLogging::log_warn, "IPCDIS");
 }
 
 TEST(ReadAck, ReturnsFalseWhenTheInstanceIsAborted)
@@ -317,6 +333,25 @@ TEST(ReadAck, ReturnsFalseWhenTheInstanceIsAborted)
         bench.dispatcher->AbortInstance(0);
     EXPECT_FALSE(result.get());
     EXPECT_LT(Clock::now() - start, 30s);
+}
+
+// A notification may come after its message was taken. It must not end the next wait.
+TEST(ReadAck, OutlivesABelatedNotification)
+{
+    Bench bench;
+    std::shared_ptr<Info> info;
+    bench.dispatcher->AddInstance(info);
+    ++info->ackNotices;
+    info->ackPending = true;
+    auto result = std::async(std::launch::async, [&] {
+        std::shared_ptr<instance_msg> in;
+        return thrown([&] { bench.dispatcher->ReadAck(in, 300, 0); });
+    });
+    {
+        const auto lock = lockWhileTheReaderWaits(info->ackMutex, info->ackPending);
+        info->ackCond.notify_one();
+    }
+    EXPECT_EQ(result.get(), "");
 }
 
 TEST(Transfer, GoesOnUnderAStreamOfCommandsFromAPeerThatDoesNotWait)
