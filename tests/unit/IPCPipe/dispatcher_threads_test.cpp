@@ -1,10 +1,14 @@
 // What ends a dispatcher's threads, and what does not.
 #include "tests/unit/IPCPipe/server_bench.h"
 
+#include "logging/logtarget.h"
 #include "tests/support/log_lines.h"
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
+#include <mutex>
+#include <shared_mutex>
 
 namespace zuTest {
 namespace {
@@ -23,8 +27,8 @@ struct FaultyDispatcher : CDispatcher {
         if (acknowledges && interruptAck.exchange(false))
             throw boost::thread_interrupted();
         if (acknowledges && failAck.exchange(false)) {
-            // Until this thread ends its table is out of reach, which the handling of a message doesn't survive.
-            DispatcherProbe::lockTableUntilThreadEnds(*this);
+            // The handling of a message fails on a table that this thread has already.
+            table = std::unique_lock<std::shared_mutex>(DispatcherProbe::tableLock(*this));
             return true;
         }
         if (!acknowledges && failures.load() > 0 && failures-- > 0)
@@ -33,6 +37,7 @@ struct FaultyDispatcher : CDispatcher {
     }
     std::atomic<bool> interruptAck{false};
     std::atomic<bool> failAck{false};
+    std::unique_lock<std::shared_mutex> table; ///< by the acknowledge thread alone
     std::atomic<int> failures{0};
 };
 
@@ -54,10 +59,23 @@ TEST(Dispatcher, EndsItsAcknowledgeThreadOnInterruptionAndLeavesTheOther)
     dispatcher->JoinThreads();
 }
 
+/// Acts on the thread that logs a warning.
+struct OnWarning : zuLogging::basic_logtarget {
+    explicit OnWarning(std::function<void()> callback) : action(std::move(callback)) {}
+    void write(const zuLogging::basic_msgstate&, const wchar_t*, const wchar_t*) override {}
+    void write(const zuLogging::basic_msgstate& line, const char*, const char*) override
+    {
+        if (line.level == zuLogging::log_warn)
+            action();
+    }
+    std::function<void()> action;
+};
+
 TEST(Dispatcher, EndsItsAcknowledgeThreadOnAnExceptionAndLeavesTheOther)
 {
     LogRecorder logs;
     const auto dispatcher = DispatcherProbe::make<FaultyDispatcher>();
+    zuLogging::add_plain_target(std::make_shared<OnWarning>([&] { dispatcher->table.unlock(); }));
     RawSocket cmd;
     RawSocket ack;
     dispatcher->SetRemotePorts(cmd.port(), ack.port());

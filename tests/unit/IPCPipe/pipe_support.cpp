@@ -21,12 +21,6 @@ std::shared_ptr<instance_msg> DispatcherProbe::takeFromPool(CDispatcher& d)
     return message;
 }
 
-void DispatcherProbe::lockTableUntilThreadEnds(CDispatcher& d)
-{
-    thread_local std::unique_lock<std::shared_mutex> held;
-    held = std::unique_lock<std::shared_mutex>(d.instanceLock);
-}
-
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds deadline)
 {
     const auto end = std::chrono::steady_clock::now() + deadline;

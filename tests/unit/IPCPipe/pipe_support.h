@@ -52,8 +52,7 @@ struct DispatcherProbe {
         dispatcher->Start();
         return dispatcher;
     }
-    /// Takes the table of instances for the calling thread, which gives it back by ending.
-    static void lockTableUntilThreadEnds(zuIPCPipe::CDispatcher& d);
+    static std::shared_mutex& tableLock(zuIPCPipe::CDispatcher& d) { return d.instanceLock; }
     static bool running(const zuIPCPipe::CDispatcher& d) { return d.running != 0; }
     static bool stopped(const zuIPCPipe::CDispatcher& d) { return d.stopped; }
     static std::shared_ptr<zuIPCPipe::CDispatcher> dispatcherOf(zuIPCPipe::IMsgSrc& source)

@@ -282,7 +282,7 @@ TEST(ReadAck, AsksForTheMessageFirst)
         info->aborted = 1;
         info->ackMsg = sent;
         info->ackPending = true;
-        info->ackCond.notify_one();
+        info->ackCond.notify_all();
     }
     EXPECT_TRUE(result.get());
     EXPECT_EQ(in, sent);
