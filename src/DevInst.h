@@ -17,6 +17,10 @@
 #include <boost/function.hpp>
 #include <boost/thread/mutex.hpp>
 
+namespace zuTest {
+struct DevInstProbe;
+}
+
 namespace zuGevDaemon {
 
 /// Counts the calls that are inside an instance, so that it is not destroyed under them. A leaf lock.
@@ -65,6 +69,8 @@ public:
     bool TryRetire();
 
 private:
+    friend struct zuTest::DevInstProbe;
+
     struct Access;
 
     bool Perform(Message& message, Control& control);
