@@ -1,89 +1,48 @@
-// Bad input to every port of the daemon: it serves another client all the same.
+// Bad input to every port of the daemon: it takes all of it, and serves another client all the same.
 #include "bench/raw_pipe.h"
 #include "client/GevClient.h"
 #include "daemon_under_test.h"
+#include "hostile.h"
 #include "tools/gevsim/camera.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <iostream>
+#include <memory>
 #include <random>
-
-#include <unistd.h>
-
-#include <arpa/inet.h>
 
 using namespace zuTest;
 
 namespace {
 
 constexpr std::size_t longest = 2048;
-constexpr std::uint32_t flagControl = 0x08, flagTerminate = 0x10, flagPing = 0x80, flagDispatcher = 0x100;
+constexpr std::size_t lengths = longest + 65; ///< from 0 to a few that are too long
 
-/// The ports of a dispatcher of the daemon, announced for and not connected.
-struct Announced {
-    std::uint16_t command = 0;
-    std::uint16_t acknowledge = 0;
-    explicit Announced(zuBench::Udp& from)
-    {
-        struct {
-            std::uint32_t status, pid;
-            std::uint16_t cmdPort, ackPort, rmtCmdPort, rmtAckPort;
-        } datagram{0, static_cast<std::uint32_t>(::getpid()), htons(from.port()), htons(from.port()), 0, 0};
-        from.send(&datagram, sizeof datagram, zuBench::daemonPort());
-        // Answers to what was sent before may stand in front.
-        do {
-            datagram.status = 0;
-        } while (from.receive(&datagram, sizeof datagram) < sizeof datagram || datagram.status != 10000 ||
-                 datagram.rmtCmdPort == 0);
-        command = ntohs(datagram.rmtCmdPort);
-        acknowledge = ntohs(datagram.rmtAckPort);
-    }
-};
-
-void drain(zuBench::Udp& socket)
+/// Takes out of a datagram for a command port what ends a dispatcher or the daemon, or costs a buffer or a new
+/// instance, however a shorter one mixes with what the buffer held.
+void makeHarmlessCommand(Bytes& data, std::size_t size)
 {
-    socket.receiveWithin(1);
-    std::vector<std::uint8_t> buffer(65536);
-    try {
-        for (;;)
-            socket.receive(buffer.data(), buffer.size());
-    } catch (const std::exception&) {
-        // Silence, at last.
-    }
-    socket.receiveWithin(20000);
+    constexpr auto consequences =
+        static_cast<std::uint8_t>(flag::connect | flag::control | flag::terminate | flag::ping);
+    const bool forDispatcher = size == 13 || (size > 13 && (data[13] & 1) != 0);
+    if (size > 12)
+        data[12] &= static_cast<std::uint8_t>(~(forDispatcher ? consequences : flag::control));
 }
 
-/// Random bytes, without the flags whose consequences are the end of a dispatcher or of the daemon.
-class Noise {
-public:
-    explicit Noise(unsigned seed) : random_(seed) {}
-    std::size_t fill(std::vector<std::uint8_t>& buffer)
-    {
-        const std::size_t size = random_() % (longest + 1);
-        for (std::size_t i = 0; i + 4 <= size; i += 4) {
-            const auto word = static_cast<std::uint32_t>(random_());
-            std::memcpy(&buffer[i], &word, 4);
-        }
-        if (size > 15 && random_() % 2 == 0)
-            std::memset(buffer.data() + 12, 0, 4); // a plain command
-        if (size > 23 && random_() % 2 == 0)
-            std::memset(buffer.data() + 20, 0, 4); // for an instance that is there
-        if (size > 15)
-            harmless(buffer);
-        return size;
-    }
-    static void harmless(std::vector<std::uint8_t>& buffer)
-    {
-        std::uint32_t flags = 0;
-        std::memcpy(&flags, &buffer[12], 4);
-        flags &= ~(flagTerminate | ((flags & flagDispatcher) != 0 ? flagPing : 0u));
-        std::memcpy(&buffer[12], &flags, 4);
-    }
+/// The same for an acknowledge port, where a message without a taker costs a buffer: all are for the one instance.
+void makeHarmlessAcknowledge(Bytes& data, std::size_t size)
+{
+    if (size > 13)
+        data[13] &= 0xFE;
+    for (std::size_t at = 20; at < std::min<std::size_t>(size, 24); ++at)
+        data[at] = 0;
+}
 
-private:
-    std::mt19937 random_;
-};
+/// Not an announce: each would make a dispatcher with two threads.
+void makeHarmlessRequest(Bytes& data, std::size_t) { data[0] |= 1; }
 
 struct BadInput : testing::Test {
     DaemonUnderTest daemon;
@@ -92,7 +51,6 @@ struct BadInput : testing::Test {
 
     void expectService()
     {
-        drain(attacker);
         zuGevClient::Connection client;
         client.setDestination({camera.ip(), camera.port()});
         EXPECT_TRUE(client.link(zuGevClient::LinkMode::control()));
@@ -100,94 +58,135 @@ struct BadInput : testing::Test {
     }
 };
 
+/// Random bytes of random length.
+struct BadInputAtRandom : BadInput {
+    BadInputAtRandom() { std::cout << "ZU_TEST_SEED=" << seed << std::endl; }
+
+    template <typename Edit>
+    void noise(Port& port, int count, Edit edit)
+    {
+        for (int i = 0; i < count; ++i) {
+            const std::size_t size = random() % (longest + 1);
+            for (std::size_t at = 0; at < size; at += 4) {
+                const auto word = static_cast<std::uint32_t>(random());
+                std::memcpy(&buffer[at], &word, 4);
+            }
+            if (random() % 2 == 0)
+                std::memset(buffer.data() + 12, 0, 4); // a plain command
+            if (random() % 2 == 0)
+                std::memset(buffer.data() + 20, 0, 4); // for the instance that is there
+            edit(buffer, size);
+            port.send(buffer.data(), size);
+        }
+    }
+    static long number(const char* name, long otherwise)
+    {
+        const char* const text = std::getenv(name);
+        return text != nullptr ? std::atol(text) : otherwise;
+    }
+
+    const unsigned seed = static_cast<unsigned>(number("ZU_TEST_SEED", std::random_device{}()));
+    std::mt19937 random{seed};
+    Bytes buffer = Bytes(longest + 4);
+};
+
 } // namespace
 
 TEST_F(BadInput, EveryLengthToTheManager)
 {
-    std::vector<std::uint8_t> bytes(longest + 64, 0xA5);
-    for (std::size_t size = 0; size <= bytes.size(); ++size) {
-        attacker.send(bytes.data(), size, zuBench::daemonPort());
-        if (size % 16 == 0)
-            drain(attacker);
-    }
+    Port manager(attacker, zuBench::daemonPort());
+    Bytes bytes(lengths, 0xA5);
+    for (std::size_t size = 0; size < lengths; ++size)
+        manager.send(bytes.data(), size);
+    EXPECT_EQ(manager.taken(), lengths);
     expectService();
 }
 
 TEST_F(BadInput, EveryLengthToADispatcher)
 {
-    const Announced ports(attacker);
-    std::vector<std::uint8_t> bytes(longest + 64);
     for (const std::uint8_t filling : {std::uint8_t{0}, std::uint8_t{1}, std::uint8_t{0x5A}, std::uint8_t{0xFF}}) {
-        std::fill(bytes.begin(), bytes.end(), filling);
-        Noise::harmless(bytes);
-        for (std::size_t size = 0; size <= bytes.size(); ++size) {
-            attacker.send(bytes.data(), size, ports.command);
-            attacker.send(bytes.data(), size, ports.acknowledge);
+        Target target;
+        for (std::size_t size = 0; size < lengths; ++size) {
+            Bytes bytes(lengths, filling);
+            makeHarmlessCommand(bytes, size);
+            target.command.send(bytes.data(), size);
         }
+        EXPECT_EQ(target.command.taken(), lengths + 1) << "the first was the connect";
+        Target other;
+        for (std::size_t size = 0; size < lengths; ++size) {
+            Bytes bytes(lengths, filling);
+            makeHarmlessAcknowledge(bytes, size);
+            other.acknowledge.send(bytes.data(), size);
+        }
+        EXPECT_EQ(other.acknowledge.taken(), lengths);
     }
     expectService();
 }
 
-TEST_F(BadInput, NoiseToAllPorts)
+TEST_F(BadInputAtRandom, NoiseToAllPorts)
 {
-    const unsigned seed = std::random_device{}();
-    SCOPED_TRACE(seed);
-    const char* const count = std::getenv("ZU_NOISE_DATAGRAMS");
-    const int datagrams = count != nullptr ? std::atoi(count) : 100000;
-    Noise noise(seed);
-    std::vector<std::uint8_t> buffer(longest + 4);
-    zuBench::RawPipe connected(zuBench::daemonPort());
-    const Announced ports(attacker);
-    for (int i = 0; i < datagrams; ++i) {
-        const std::size_t size = noise.fill(buffer);
-        switch (i % 4) {
-        case 0:
-            // Not an announce, or each would make a dispatcher with two threads.
-            buffer[0] |= 1;
-            attacker.send(buffer.data(), size, zuBench::daemonPort());
-            break;
-        case 1:
-            attacker.send(buffer.data(), size, ports.acknowledge);
-            break;
-        default:
-            if (size > 15) {
-                // Without connects, for the same reason.
-                buffer[12] &= static_cast<std::uint8_t>(~0x02u);
-            }
-            attacker.send(buffer.data(), size, ports.command);
-            break;
-        }
+    const long wanted = number("ZU_NOISE_DATAGRAMS", ZU_NOISE_DATAGRAMS);
+    constexpr int round = 5000;
+    Port manager(attacker, zuBench::daemonPort());
+    long taken = 0;
+    for (long rounds = 0; taken < wanted; ++rounds) {
+        ASSERT_LE(rounds * 4 * round, 2 * wanted + 4 * round) << taken << " were taken";
+        const std::size_t before = manager.taken();
+        noise(manager, round, makeHarmlessRequest);
+        taken += static_cast<long>(manager.taken() - before);
+        Target commands;
+        noise(commands.command, 2 * round, makeHarmlessCommand);
+        taken += static_cast<long>(commands.command.taken());
+        Target acknowledges;
+        noise(acknowledges.acknowledge, round, makeHarmlessAcknowledge);
+        taken += static_cast<long>(acknowledges.acknowledge.taken());
     }
+    std::cout << taken << " datagrams were taken" << std::endl;
     expectService();
 }
 
-TEST_F(BadInput, NoiseToAConnectedInstance)
+TEST_F(BadInputAtRandom, NoiseToAConnectedInstance)
 {
-    const unsigned seed = std::random_device{}();
-    SCOPED_TRACE(seed);
-    std::mt19937 random(seed);
-    const Announced ports(attacker);
-    struct {
-        std::uint64_t headerSize = 24;
-        std::uint32_t seq = 0, flags = 0x102, timeout = 0, index = 0;
-    } header;
-    attacker.send(&header, sizeof header, ports.command);
-    std::vector<std::uint8_t> buffer(longest);
-    attacker.receive(buffer.data(), buffer.size());
-    for (int i = 0; i < 20000; ++i) {
-        header.flags = random() % 8 == 0 ? flagControl : 0;
-        std::memcpy(buffer.data(), &header, sizeof header);
-        for (std::size_t at = sizeof header; at + 4 <= buffer.size(); at += 4) {
+    auto target = std::make_unique<Target>();
+    constexpr int commands = 20000;
+    int deaf = 0;
+    Bytes payload(longest - sizeof(Header));
+    for (int i = 0; i < commands; ++i) {
+        for (std::size_t at = 0; at + 4 <= payload.size(); at += 4) {
             const auto word = static_cast<std::uint32_t>(random() % 3 == 0 ? random() % 32 : random());
-            std::memcpy(&buffer[at], &word, 4);
+            std::memcpy(&payload[at], &word, 4);
         }
-        buffer[24] = static_cast<std::uint8_t>(random() % 26);
-        buffer[25] = buffer[26] = buffer[27] = 0;
-        if (buffer[24] == 1 || buffer[24] == 2 || buffer[24] == 3)
-            buffer[24] = 16; // those wait for a camera, or run as long as the length says
-        attacker.send(buffer.data(), sizeof header + random() % (longest - sizeof header), ports.command);
+        payload[0] = static_cast<std::uint8_t>(random() % 26);
+        payload[1] = payload[2] = payload[3] = 0;
+        target->ask(payload.data(), 4 + random() % (payload.size() - 3));
+        // Each is dealt with before the next: a second one would take the place of the first.
+        const auto answer = target->reply(2000);
+        if (answer) {
+            Header header;
+            std::memcpy(&header, answer->data(), sizeof header);
+            ASSERT_EQ(header.seq, target->asked()) << i;
+        } else {
+            ASSERT_LT(++deaf, 10) << i;
+            target = std::make_unique<Target>(); // a reply that was too long has made that one deaf
+        }
     }
     expectService();
+}
+
+TEST_F(BadInput, DispatcherWithoutBuffersLeavesTheOthersServed)
+{
+    Target target;
+    Header ping;
+    ping.flags = flag::control | flag::ping;
+    // Each costs one of five buffers; with the last the dispatcher takes nothing any more.
+    for (int i = 0; i < 20; ++i)
+        attacker.send(&ping, sizeof ping, target.command.number());
+    expectService();
+    zuIPCPipe::CTagMsg<zuIPCPipe::TGevSvrTag> question;
+    question.SetCommand(zuIPCPipe::CmdGetRetries);
+    target.ask(question);
+    expectService();
+    EXPECT_FALSE(target.reply(1));
 }
 
 TEST_F(BadInput, RequestThatIsNoneComesBackUnchanged)
@@ -201,16 +200,16 @@ TEST_F(BadInput, RequestThatIsNoneComesBackUnchanged)
 
 TEST_F(BadInput, DispatcherPingIsAnsweredOnceAndEndsTheDaemon)
 {
-    const Announced ports(attacker);
-    struct {
-        std::uint64_t headerSize = 24;
-        std::uint32_t seq = 5, flags = flagDispatcher | flagPing, timeout = 0, index = 9;
-    } ping;
-    attacker.send(&ping, sizeof ping, ports.command);
-    std::uint8_t answer[64] = {};
-    ASSERT_EQ(attacker.receive(answer, sizeof answer), 24u);
-    ping.flags |= 0x20;
-    EXPECT_EQ(std::memcmp(answer, &ping, 24), 0);
+    Target target;
+    Header ping;
+    ping.seq = 5;
+    ping.flags = flag::dispatcher | flag::ping;
+    ping.index = 9;
+    target.command.send(&ping, sizeof ping);
+    const Bytes answer = target.receive();
+    ping.flags |= flag::acknowledge;
+    ASSERT_EQ(answer.size(), sizeof ping);
+    EXPECT_EQ(std::memcmp(answer.data(), &ping, sizeof ping), 0);
     const auto end = daemon.process.wait();
     EXPECT_FALSE(end.exited);
     EXPECT_EQ(end.status, SIGSEGV);
@@ -220,20 +219,13 @@ TEST_F(BadInput, DispatcherPingIsAnsweredOnceAndEndsTheDaemon)
 
 TEST_F(BadInput, DispatcherTerminateWithInstancesAliveLeavesTheDaemonGoing)
 {
-    const Announced ports(attacker);
-    struct {
-        std::uint64_t headerSize = 24;
-        std::uint32_t seq = 0, flags = 0x102, timeout = 0, index = 0;
-    } header;
-    std::uint8_t answer[2048] = {};
-    for (std::uint32_t index = 0; index < 3; ++index) {
-        header.index = index;
-        attacker.send(&header, sizeof header, ports.command);
-        attacker.receive(answer, sizeof answer);
-    }
-    header.flags = flagDispatcher | flagTerminate;
-    attacker.send(&header, sizeof header, ports.command);
-    attacker.receive(answer, sizeof answer);
+    Target target;
+    target.connect();
+    target.connect();
+    Header terminate;
+    terminate.flags = flag::dispatcher | flag::terminate;
+    target.command.send(&terminate, sizeof terminate);
+    target.receive();
     expectService();
     EXPECT_EQ(daemon.instances(), 1u) << "the three went when the next client came";
 }
