@@ -21,7 +21,7 @@ trap 'machine_halt; umount -l "$folder"; rmdir "$folder"' EXIT
 mount -t tmpfs tmpfs "$folder" || exit 1
 
 settings=/etc/zugevsvc/zuLogSvc.json
-version=1.0.0-1
+version=
 
 # next_version [SCRIPT]: makes a package of the next version out of the latest one, after running the shell script in its unpacked folder.
 count=0
