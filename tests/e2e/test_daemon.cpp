@@ -2,10 +2,10 @@
 #include "client/GevClient.h"
 #include "daemon_under_test.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <regex>
 #include <utility>
 
 using namespace zuTest;
@@ -47,10 +47,11 @@ TEST(DaemonCommandLine, ServiceOperationsFailInTheirWordsAndWithStatus0)
         const Finished finished = daemon({option});
         EXPECT_TRUE(finished.end.exited);
         EXPECT_EQ(finished.end.status, 0);
-        const std::regex whole("\n[*]{65}\n {18}[^ \n][^\n]*\n[*]{65}\n\nORTOLAN GigE Vision Service\n"
-                               "Version   : \t1\\.0\\.0\\.0\nBuildDate : \t[A-Z][a-z]{2} [ 0-9]\\d \\d{4}\n\n" +
-                               std::string(word) + " Service failed\n");
-        EXPECT_TRUE(std::regex_match(finished.output, whole)) << finished.output;
+        EXPECT_THAT(finished.output,
+                    testing::MatchesRegex("\n[*]{65}\n {18}[^ \n][^\n]*\n[*]{65}\n\nORTOLAN GigE Vision Service\n"
+                                          "Version   : \t1[.]0[.]0[.]0\n"
+                                          "BuildDate : \t[A-Z][a-z]{2} [ 0-9][0-9] [0-9]{4}\n\n" +
+                                          std::string(word) + " Service failed\n"));
     }
     ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
 }
