@@ -19,12 +19,13 @@ constexpr std::uint32_t base = gevsim::region::memory;
 struct DevInstUnreachable : testing::Test, LogRecorder, InstanceOf<UnreachableClient> {
     DevInstUnreachable() : InstanceOf("127.0.16.4") { link(); }
 
-    /// PENDING_ACK before the answer to this command, the `after`+1st of its kind.
+    /// PENDING_ACK in place of the answer to this command, the `after`+1st of its kind: nobody would wait for one, and
+    /// the next command would find it.
     void delay(Command command, std::uint32_t after = 0)
     {
         if (after != 0)
             camera.inject(Fault::none(after).only(command));
-        camera.inject(Fault::pendingAck(milliseconds(700)).every(milliseconds(1)).only(command));
+        camera.inject(Fault::pendingAck(milliseconds(700)).withoutAnswer().only(command));
         clear();
     }
 };
