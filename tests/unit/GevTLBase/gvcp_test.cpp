@@ -360,6 +360,8 @@ struct BadPendingAck {
     const char* text;
 };
 
+void PrintTo(const BadPendingAck& value, std::ostream* out) { *out << value.name; }
+
 class BadPendingAcks : public Gvcp, public testing::WithParamInterface<BadPendingAck> {};
 
 TEST_P(BadPendingAcks, AreResent)

@@ -117,6 +117,8 @@ struct StatusCase {
     std::int32_t result;
 };
 
+void PrintTo(const StatusCase& value, std::ostream* out) { *out << value.text; }
+
 class StatusTable : public testing::TestWithParam<StatusCase> {};
 
 TEST_P(StatusTable, ResultAndLine)
