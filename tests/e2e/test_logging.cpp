@@ -8,6 +8,7 @@
 #include "tools/zuLogSvc/connection_block.h"
 
 #include <atomic>
+#include <cstdlib>
 #include <filesystem>
 #include <random>
 #include <thread>
@@ -214,6 +215,10 @@ TEST_F(Logging, DestinationTraceTellsAClientsWholeLife)
     probe.push_back("true");
     if (runCommand(probe).end.status != 0)
         GTEST_SKIP() << "a system log of the test's own needs mounts of its own, which are not permitted here";
+    // The daemon never waits for the system log: what finds its queue full is dropped.
+    const std::string queue = readFile("/proc/sys/net/unix/max_dgram_qlen");
+    if (std::atoi(queue.c_str()) < 100)
+        GTEST_SKIP() << "a system log's queue has room for fewer lines than a client's life has: " << queue;
     SystemLog systemLog(folder);
     start("trace", "", systemLog.launcher());
     live();
