@@ -43,8 +43,10 @@ struct PipeThread::Run {
     std::function<void()> body;
     std::mutex mutex;
     std::condition_variable ended;
-    bool done = false;              ///< under `mutex`
-    std::shared_ptr<Worker> worker; ///< under `mutex`; null once done
+    bool done = false;               ///< under `mutex`
+    bool abandoned = false;          ///< under `mutex`; nobody will join
+    std::shared_ptr<Worker> worker;  ///< under `mutex`; null when the body has returned
+    std::shared_ptr<Worker> leaving; ///< under `mutex`; whose end is the joiner's to wait for
 };
 
 /// One thread of the system, which runs one body after the other.
@@ -52,7 +54,8 @@ struct PipeThread::Worker : std::enable_shared_from_this<Worker> {
     explicit Worker(Kind ownKind) : kind(ownKind) {}
 
     void Main(std::shared_ptr<Run> run);
-    std::shared_ptr<Run> Park();
+    std::shared_ptr<Run> Park(std::uint32_t seen);
+    boost::thread TakeHandle();
     void Dismiss();
 
     const Kind kind;
@@ -120,6 +123,7 @@ void PipeThread::Worker::Main(std::shared_ptr<Run> run)
         static_cast<void>(zuPlatform::setCurrentThreadPriority(zuPlatform::ThreadPriority::timeCritical));
     zuPlatform::nameCurrentThread(facts.name);
     onPipeThread = true;
+    bool joined = false;
     while (run) {
         currentRun = run.get();
         run->body();
@@ -127,25 +131,38 @@ void PipeThread::Worker::Main(std::shared_ptr<Run> run)
         currentRun = nullptr;
         {
             const std::lock_guard<std::mutex> lock(run->mutex);
-            run->done = true;
             run->worker.reset();
         }
-        run->ended.notify_all();
         forgetInterruption();
-        run = Park();
+        const std::uint32_t seen = called.count();
+        const bool parked = Parking::Get().Enter(shared_from_this());
+        {
+            const std::lock_guard<std::mutex> lock(run->mutex);
+            run->done = true;
+            joined = !parked && !run->abandoned;
+            if (joined)
+                run->leaving = shared_from_this();
+        }
+        run->ended.notify_all();
+        run = parked ? Park(seen) : nullptr;
     }
-    const std::lock_guard<std::mutex> lock(mutex);
-    if (handle.joinable())
-        handle.detach();
+    if (joined)
+        return;
+    boost::thread own = TakeHandle();
+    if (own.joinable())
+        own.detach();
 }
 
-// Waits for a next body; null if none came, or nobody wants this thread to wait.
-std::shared_ptr<PipeThread::Run> PipeThread::Worker::Park()
+boost::thread PipeThread::Worker::TakeHandle()
+{
+    const std::lock_guard<std::mutex> lock(mutex);
+    return std::move(handle);
+}
+
+// Waits for a next body since the count was `seen`; null if none came.
+std::shared_ptr<PipeThread::Run> PipeThread::Worker::Park(std::uint32_t seen)
 {
     constexpr std::uint64_t never = std::uint64_t{1} << 62;
-    const std::uint32_t seen = called.count();
-    if (!Parking::Get().Enter(shared_from_this()))
-        return nullptr;
     if (!called.waitUntil(seen, zuPlatform::steadyNanoseconds() + parkedSeconds * nsPerSecond)) {
         if (Parking::Get().Leave(this))
             return nullptr;
@@ -158,11 +175,7 @@ std::shared_ptr<PipeThread::Run> PipeThread::Worker::Park()
 
 void PipeThread::Worker::Dismiss()
 {
-    boost::thread thread;
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        thread = std::move(handle);
-    }
+    boost::thread thread = TakeHandle();
     called.notify_all();
     const boost::this_thread::disable_interruption noInterruption;
     thread.join();
@@ -210,10 +223,26 @@ std::unique_ptr<PipeThread> PipeThread::Start(Kind kind, std::function<void()> b
     return thread;
 }
 
+PipeThread::~PipeThread()
+{
+    std::unique_lock<std::mutex> lock(run_->mutex);
+    run_->abandoned = true;
+    const std::shared_ptr<Worker> leaving = std::move(run_->leaving);
+    lock.unlock();
+    if (leaving)
+        leaving->TakeHandle().detach();
+}
+
 void PipeThread::Join()
 {
     std::unique_lock<std::mutex> lock(run_->mutex);
     run_->ended.wait(lock, [this] { return run_->done; });
+    const std::shared_ptr<Worker> leaving = std::move(run_->leaving);
+    lock.unlock();
+    if (!leaving)
+        return;
+    const boost::this_thread::disable_interruption noInterruption;
+    leaving->TakeHandle().join();
 }
 
 bool PipeThread::IsCurrent() const { return currentRun == run_.get(); }

@@ -21,7 +21,12 @@ public:
     /// Runs `body`, which must not throw. Throws `boost::thread_resource_error` if the system gives no thread.
     static std::unique_ptr<PipeThread> Start(Kind kind, std::function<void()> body);
 
-    /// Waits until the body has returned and is destroyed. No interruption point. Not for the thread itself.
+    ~PipeThread();
+    PipeThread(const PipeThread&) = delete;
+    PipeThread& operator=(const PipeThread&) = delete;
+
+    /// Waits until the body has returned and is destroyed, and for the thread's own end unless it waits for a next
+    /// body. No interruption point. Not for the thread itself.
     void Join();
 
     bool IsCurrent() const; ///< whether the caller is this body

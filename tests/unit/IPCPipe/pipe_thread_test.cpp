@@ -62,6 +62,26 @@ TEST(PipeThread, JoinWaitsForTheBodyAndItsEnd)
     thread->Join();
 }
 
+/// Tells when the thread that made it has run its last code.
+struct LastCode {
+    ~LastCode()
+    {
+        if (ended)
+            *ended = true;
+    }
+    std::atomic<bool>* ended = nullptr;
+};
+thread_local LastCode lastCode;
+
+TEST(PipeThread, WithoutAKeeperJoinWaitsForTheThreadItself)
+{
+    for (int i = 0; i < 300; ++i) {
+        std::atomic<bool> ended{false};
+        PipeThread::Start(Kind::instance, [&] { lastCode.ended = &ended; })->Join();
+        ASSERT_TRUE(ended);
+    }
+}
+
 TEST(PipeThread, RunsTheNextBodyOnAThreadThatWaits)
 {
     const PipeThread::Keeper keeper;
