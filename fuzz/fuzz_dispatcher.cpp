@@ -422,8 +422,10 @@ private:
             return;
         }
         Bytes expected = headerAlone(++one.seq, post ? kMsgNoAck : 0, 0, one.remote);
-        if (data.size() <= kMsgPayloadSize)
-            expected.insert(expected.end(), data.begin(), data.end());
+        if (data.size() <= kMsgPayloadSize) {
+            expected.resize(kMsgHeaderSize + data.size());
+            std::copy(data.begin(), data.end(), expected.begin() + kMsgHeaderSize);
+        }
         expectSent(expected, peerCmdPort);
         const std::optional<Bytes> answer = post || fails ? std::nullopt : readAck(one);
         check(answered == (post ? false : answer.has_value()));

@@ -21,11 +21,13 @@ public:
     }
     void Leave()
     {
+        bool awaited = false;
         {
             const boost::lock_guard<boost::mutex> lock(mutex_);
-            --inside_;
+            awaited = --inside_ == 0 && closed_;
         }
-        left_.notify_all();
+        if (awaited)
+            left_.notify_all();
     }
     bool TryClose()
     {

@@ -10,8 +10,6 @@
 #include <sstream>
 #include <utility>
 
-#include <boost/bind/bind.hpp>
-
 namespace zuGevDaemon {
 
 using namespace zuIPCPipe;
@@ -55,7 +53,7 @@ CDevInst::CDevInst(std::shared_ptr<IMsgSrc> client_, Callback onClientGone_, Cal
         if (!pass)
             return;
         std::uint64_t replyLength = length;
-        OnMessage(data, capacity, replyLength, std::move(extend));
+        OnMessage(data, capacity, replyLength, [&extend](unsigned milliseconds) { extend(milliseconds); });
         length = static_cast<std::size_t>(replyLength);
     });
     client->SetDisconnectHandler([this, entry = gate] {

@@ -13,8 +13,6 @@
 #include <new>
 #include <stdexcept>
 
-#include <boost/bind/bind.hpp>
-#include <boost/bind/placeholders.hpp>
 #include <boost/thread/exceptions.hpp>
 
 namespace zuGevDaemon {
@@ -224,7 +222,7 @@ bool CDevInst::Perform(Message& message, Control& link)
 
 boost::function<void(std::uint32_t)> CDevInst::PendingAckFor(Message& message)
 {
-    return boost::bind(&CDevInst::OnPendingAck, this, boost::placeholders::_1, message.MessageId());
+    return [this, id = message.MessageId()](std::uint32_t milliseconds) { OnPendingAck(milliseconds, id); };
 }
 
 void CDevInst::DoLink(Message& message, Control& link)
