@@ -87,10 +87,9 @@ const char* commandText(Command command)
 
 Channel::Channel(std::shared_ptr<EventQueue> events) : events_(std::move(events)), attachment_(attach())
 {
-    attachment_.source->SetMsgHandler(
-        [queue = events_](void* data, std::size_t capacity, std::size_t& length, boost::function<void(unsigned int)>) {
-            answerEvent(*queue, data, capacity, length);
-        });
+    listen(attachment_,
+           [queue = events_](void* data, std::size_t capacity, std::size_t& length,
+                             boost::function<void(unsigned int)>) { answerEvent(*queue, data, capacity, length); });
 }
 
 Channel::~Channel() { detach(attachment_); }

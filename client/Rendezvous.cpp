@@ -113,11 +113,27 @@ Attachment attach()
     throw NoDaemonError("The daemon is there, but takes no connection: " + reason);
 }
 
+void listen(Attachment& attachment, zuIPCPipe::IMsgSrc::MsgHandler handler)
+{
+    // The source keeps the handler until its destructor has disconnected, and the promise goes with the handler.
+    auto end = std::make_shared<std::promise<void>>();
+    attachment.parted = end->get_future();
+    attachment.source->SetMsgHandler(
+        [kept = std::move(end), call = std::move(handler)](void* data, std::size_t capacity, std::size_t& length,
+                                                           boost::function<void(unsigned int)> extend) {
+            call(data, capacity, length, std::move(extend));
+        });
+}
+
 void detach(Attachment& attachment) noexcept
 {
     const std::shared_lock<std::shared_mutex> guard(shared().mutex);
     // The destructor of the source is what disconnects: an explicit call besides would release its slot twice.
     attachment.source.reset();
+    // While a message is handled the pipe's thread has a share in the source, and the end of the manager would come
+    // before the goodbye.
+    if (attachment.parted.valid())
+        attachment.parted.wait();
     attachment.manager.reset();
 }
 

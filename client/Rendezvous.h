@@ -7,6 +7,7 @@
 #include "client/GevClient.h"
 
 #include <cstdint>
+#include <future>
 #include <memory>
 
 namespace zuGevClient {
@@ -16,14 +17,19 @@ struct Attachment {
     std::shared_ptr<zuIPCPipe::CMgr> manager; ///< its end would end the source, so it goes last
     std::shared_ptr<zuIPCPipe::IMsgSrc> source;
     std::uint16_t daemonPort = 0; ///< network byte order, as published at the time
+    std::future<void> parted;     ///< ready once the source has said goodbye; none without `listen`
 };
 
 /// Connects to the daemon, through the manager that other connections use if it knows the daemon of today. Throws
 /// NoDaemonError.
 Attachment attach();
 
+/// Sets the handler of the daemon's messages, once.
+void listen(Attachment& attachment, zuIPCPipe::IMsgSrc::MsgHandler handler);
+
 /// Disconnects, which takes up to 800 ms. Several may go at once, but none while one comes: the daemon's end of a
-/// shared road goes with the last connection on it, and a newcomer must not take that road in this moment.
+/// shared road goes with the last connection on it, and a newcomer must not take that road in this moment. Not for
+/// the pipe's own threads: a message in its handler is waited for.
 void detach(Attachment& attachment) noexcept;
 
 /// The port that a daemon has published, dead or alive; 0 if there is none. Network byte order.

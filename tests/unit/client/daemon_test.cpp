@@ -59,6 +59,30 @@ TEST(DaemonTest, theQuestionForLifeLeavesNothingBehind)
     EXPECT_EQ(MgrProbe::pending(daemon.server().manager()), 0u);
 }
 
+TEST(DaemonTest, theGoodbyeOfTheLastConnectionWaitsForAMessageInItsHandler)
+{
+    ScriptedDaemon daemon;
+    Attachment attachment = attach();
+    std::promise<void> entered;
+    std::promise<void> release;
+    listen(attachment, [&, released = release.get_future().share()](void*, std::size_t, std::size_t&, const auto&) {
+        entered.set_value();
+        released.wait();
+    });
+    auto told = std::async(std::launch::async, [&] { return daemon.tell(EvtReconnected, 20000); });
+    entered.get_future().wait();
+    const std::weak_ptr<CMgr> manager = attachment.manager;
+    const std::weak_ptr<IMsgSrc> source = attachment.source;
+    auto gone = std::async(std::launch::async, [&] { detach(attachment); });
+    while (source.use_count() > 1) // the pipe's thread keeps its share
+        std::this_thread::yield();
+    EXPECT_EQ(gone.wait_for(0s), std::future_status::timeout);
+    release.set_value();
+    gone.wait();
+    EXPECT_TRUE(daemon.server().waitForDisconnects(1)) << "the daemon would hold the camera for this process";
+    EXPECT_TRUE(manager.expired());
+}
+
 TEST(DaemonTest, aReplyThatComesTooLateIsNotTakenForTheNext)
 {
     ScriptedDaemon daemon;
