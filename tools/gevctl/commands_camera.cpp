@@ -205,7 +205,7 @@ void runWatch(const Options& options, const Surroundings& around)
     const std::uint64_t start = milliseconds();
     std::uint64_t lastPing = start;
     const auto over = [&] {
-        return around.stop || (options.durationMs && milliseconds() - start >= *options.durationMs);
+        return around.stop || !around.out || (options.durationMs && milliseconds() - start >= *options.durationMs);
     };
     while (!over()) {
         std::deque<std::pair<std::string, Event>> batch;

@@ -318,6 +318,39 @@ TEST_F(GevctlTest, watchEndsAfterItsTimeAndWhenTheDaemonGoes)
     EXPECT_THAT(errors.str(), HasSubstr("The daemon is gone"));
 }
 
+/// The standard output of a program whose reader goes after the first line.
+class OneLineReader : public std::streambuf {
+public:
+    int lines() const { return lines_; }
+
+private:
+    int_type overflow(int_type character) override
+    {
+        if (lines_ != 0)
+            return traits_type::eof();
+        if (character == '\n')
+            ++lines_;
+        return character;
+    }
+    std::atomic<int> lines_{0};
+};
+
+TEST_F(GevctlTest, watchEndsWithItsReader)
+{
+    const auto parsed = parseCommandLine({"watch", "-c", address()});
+    OneLineReader reader;
+    std::ostream output(&reader);
+    std::istringstream input;
+    std::ostringstream errors;
+    int code = -1;
+    std::thread watcher([&] { code = run(*parsed.options, {input, output, errors, false, false, stop}); });
+    EXPECT_TRUE(zuTest::eventually([&] { return reader.lines() == 1; }));
+    camera.powerCycle();
+    watcher.join();
+    EXPECT_EQ(code, exitFailure) << errors.str();
+    EXPECT_EQ(camera.readRegister(gevsim::reg::ccp), 0u);
+}
+
 TEST_F(GevctlTest, discoverByAddress)
 {
     manager.reset(); // not needed
