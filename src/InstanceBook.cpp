@@ -9,6 +9,7 @@
 #include <deque>
 #include <list>
 #include <mutex>
+#include <optional>
 #include <ostream>
 #include <sstream>
 
@@ -62,8 +63,9 @@ public:
     Birth& operator=(const Birth&) = delete;
 };
 
-/// The front of the queue, retired; null if it is empty, or if a call is inside each of the `candidates` at its front.
-CDevInst* RetireFront(std::size_t& candidates)
+/// The front of the queue, retired; nothing if it is empty, or if a call is inside each of the `candidates` at its
+/// front.
+std::optional<CDevInst*> RetireFront(std::size_t& candidates)
 {
     const std::lock_guard lock(bookMutex);
     for (; candidates > 0 && !GarbageQueue.empty(); --candidates) {
@@ -74,7 +76,7 @@ CDevInst* RetireFront(std::size_t& candidates)
         GarbageQueue.pop_front();
         GarbageQueue.push_back(front);
     }
-    return nullptr;
+    return std::nullopt;
 }
 
 void RemoveFront(CDevInst* front)
@@ -123,17 +125,17 @@ void CollectGarbage()
 {
     std::size_t candidates = GarbageSize();
     while (candidates > 0) {
-        CDevInst* front = nullptr;
+        std::optional<CDevInst*> front;
         {
             const std::lock_guard collecting(collectMutex);
             front = RetireFront(candidates);
-            if (front == nullptr)
+            if (!front)
                 return;
-            ZU_LOG(Log(), log_info, "Deleting " << static_cast<const void*>(front));
-            RemoveFront(front);
+            ZU_LOG(Log(), log_info, "Deleting " << static_cast<const void*>(*front));
+            RemoveFront(*front);
         }
         --candidates;
-        delete front;
+        delete *front;
     }
 }
 

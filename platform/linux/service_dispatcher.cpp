@@ -3,6 +3,7 @@
 #include "platform/linux/service_error.h"
 #include "platform/service_manager.h"
 #include "platform/service_notify.h"
+#include "platform/thread.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -105,6 +106,7 @@ bool startServiceDispatcher(const std::string& name, ServiceMainFunction body)
 
     std::atomic<bool> ended{false};
     std::thread thread([body, &ended, text = name]() mutable {
+        nameCurrentThread("zu-service");
         char* arguments[] = {text.data(), nullptr};
         body(1, arguments);
         ended.store(true);

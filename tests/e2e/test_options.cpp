@@ -80,4 +80,5 @@ TEST(Options, AValueForLogChangesNothingInLogging)
         EXPECT_EQ(logged.output, plain.output) << value;
         EXPECT_EQ(logged.lines, plain.lines) << value;
     }
+    EXPECT_EQ(lifeWith({"--help", "--execute"}).lines, plain.lines) << "help yields to every other job";
 }

@@ -3,6 +3,7 @@
 #include "platform/service_notify.h"
 
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -83,6 +84,7 @@ struct Service {
     std::thread::id controlThread;
     std::thread::id bodyThread;
     std::string argument;
+    std::string threadName;
     bool otherNameRefused = false;
 
     void set(bool Service::*flag)
@@ -121,6 +123,9 @@ void serviceBody(std::uint32_t count, char** arguments)
 {
     service->bodyThread = std::this_thread::get_id();
     service->argument = count == 1 ? arguments[0] : "";
+    char name[16] = {};
+    ::pthread_getname_np(::pthread_self(), name, sizeof name);
+    service->threadName = name;
     EXPECT_TRUE(service->waitFor([] { return service->mayRegister; }));
     service->otherNameRefused = registerServiceControlHandler("other", onControl) == 0;
     statusHandle = registerServiceControlHandler("zuGevSvc", onControl);
@@ -178,6 +183,7 @@ TEST_F(LinuxDispatcher, SignalsAreControlsAndStatesAreTold)
     EXPECT_EQ(served.controlThread, dispatcherThread);
     EXPECT_NE(served.bodyThread, dispatcherThread);
     EXPECT_EQ(served.argument, "zuGevSvc");
+    EXPECT_EQ(served.threadName, "zu-service") << "named as the threads of default priority are";
     EXPECT_TRUE(served.otherNameRefused);
 }
 

@@ -122,6 +122,41 @@ TEST_F(DevInstMemory, ReadAtRemainderThreeTakesThreeBytes)
     EXPECT_EQ(steps().at(1), (DevInstMemory::Step{Command::readMem, base + 6, 4}));
 }
 
+TEST_F(DevInstMemory, HeadOfAReadIsTheEndOfItsWordAndTheTailTheBegin)
+{
+    const auto got = [&](std::size_t remainder, Bytes expected) {
+        EXPECT_EQ(client->command(readRequest(base + remainder, expected.size())), reply(base + remainder, expected))
+            << remainder;
+    };
+    got(1, {content[3]});
+    got(3, {content[1], content[2], content[3]});
+    got(1, {content[3], content[0], content[1]});
+    got(2, {content[2], content[3], content[4]});
+}
+
+TEST_F(DevInstMemory, HeadOfAWriteIsTheEndOfItsWord)
+{
+    const auto write = [&](std::size_t remainder, const Bytes& data) {
+        camera.writeMemory(base, content);
+        camera.clearLog();
+        EXPECT_EQ(run(Build(CmdWriteMem)
+                          .u64(TagAddress, base + remainder)
+                          .u64(TagLength, data.size())
+                          .bytes(TagMemData, data)),
+                  written());
+        return camera.readMemory(base, 8);
+    };
+    const auto with = [&](const Bytes& word) {
+        Bytes expected = part(0, 8);
+        std::copy(word.begin(), word.end(), expected.begin());
+        return expected;
+    };
+    EXPECT_EQ(write(1, {9}), with({content[0], content[1], content[2], 9}));
+    EXPECT_EQ(write(3, {7, 8, 9}), with({content[0], 7, 8, 9}));
+    EXPECT_EQ(write(1, {7, 8, 9}), with({content[0], content[1], content[2], 7})) << "and nothing of the tail";
+    EXPECT_EQ(steps(), (Steps{{Command::readMem, base, 4}, {Command::writeMem, base, 4}, {Command::readMem, base, 4}}));
+}
+
 TEST_F(DevInstMemory, ReadOfNothing)
 {
     EXPECT_EQ(client->command(readRequest(base, 0)), reply(base, {}));

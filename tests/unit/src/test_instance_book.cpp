@@ -68,6 +68,20 @@ TEST_F(InstanceBookTest, UnknownInstanceIsNoError)
     EXPECT_EQ(InstanceCount(), 0u);
 }
 
+TEST_F(InstanceBookTest, AnEmptyEntryHoldsNothingUp)
+{
+    const auto client = connect();
+    AddToGarbage(nullptr);
+    client->disconnectHandler();
+    log.clear();
+    CollectGarbage();
+    EXPECT_EQ(InstanceCount(), 0u);
+    const auto texts = log.texts("Svc");
+    ASSERT_EQ(texts.size(), 3u);
+    EXPECT_EQ(texts[0], "Deleting 0");
+    EXPECT_EQ(texts[1].substr(0, 11), "Deleting 0x");
+}
+
 TEST_F(InstanceBookTest, ReportCountsNoGarbage)
 {
     const auto client = connect();
