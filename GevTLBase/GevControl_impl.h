@@ -89,8 +89,8 @@ void CGevControl<TConnection>::DoLink(std::uint32_t mode)
         try {
             ccpValue = ccp;
             ZU_LOG(controlLog, zuLogging::log_info, "Link device : write ccp");
-            WriteBootstrap(gevRegister::ccp, ccp);
-            WriteBootstrap(gevRegister::ccp, ccp); // always twice
+            WriteBootstrap(gevRegister::ccp, ccpValue); // 0 if it was unlinked meanwhile
+            WriteBootstrap(gevRegister::ccp, ccpValue); // always twice
             this->hasCcp = true;
             StartHeartbeat();
         } catch (const std::exception& e) {

@@ -57,6 +57,25 @@ TEST_F(QuietControl, LinkForControlWritesTwiceAndReadsWhatItNeeds)
     EXPECT_EQ(0x11u, fields().gvcpCapability());
 }
 
+TEST_F(QuietControl, ALinkThatIsUndoneMeanwhileTakesNoControlAfterwards)
+{
+    std::thread other;
+    device.setFault([&](FakeConnection&, const Bytes& data) {
+        if (isCommand(data, 0x82, ccpRegister) && !other.joinable()) {
+            other = std::thread([&] { control->Unlink(); });
+            while (control->IsLinked())
+                std::this_thread::yield();
+        }
+        return false;
+    });
+    control->Link(3);
+    other.join();
+    const std::vector<std::string> sent = commands();
+    EXPECT_EQ(1, std::count(sent.begin(), sent.end(), "W 0a00 00000002"));
+    EXPECT_EQ(2, std::count(sent.begin(), sent.end(), "W 0a00 00000000"));
+    EXPECT_EQ(0u, device.get(ccpRegister));
+}
+
 TEST_F(Control, LinkForExclusiveAccess)
 {
     control->Link(4);
