@@ -74,6 +74,11 @@ public:
 
     virtual std::string CommandName(std::uint16_t command);
 
+    /// The link's user has gone for good, and nobody is to wait for its commands: from now on a command makes at most
+    /// `defaultRetries` attempts, no wait is longer than `defaultAckTimeout`, and PENDING_ACK counts as a failed
+    /// attempt. A command in flight ends by the same rules. Any thread; does not block.
+    void Abandon();
+
     /// Called at each sign of life of the device, to put off the heartbeat by `delayMs`. Does nothing here.
     virtual void RestartHeartbeatWait(std::uint64_t delayMs);
 
@@ -115,6 +120,7 @@ protected:
 
 private:
     std::shared_ptr<TConnection> RequireConnection();
+    std::uint32_t Attempts() const;
     void AdvanceRequestId();
     std::int32_t SendCommand(std::size_t size);
     std::int32_t ReceiveInto(std::uint32_t timeoutMs, std::uint32_t* ip, std::uint16_t* port, std::int32_t& count);
@@ -124,6 +130,7 @@ private:
     void WriteMemBlocks(std::uint64_t address, std::uint32_t size, const std::uint8_t* source, std::uint32_t& tries,
                         std::int32_t& result, const PendingAckCallback& callback);
 
+    Relaxed<bool> abandoned{false};
     std::mutex connectionMutex; ///< guards `connection` alone; nothing is called while it is held
     std::shared_ptr<TConnection> connection;
 };

@@ -84,6 +84,7 @@ bool CDevInst::TryRetire() { return gate->TryClose(); }
 void CDevInst::OnClientDisconnect()
 {
     clientGone = true;
+    control->Abandon(); // other clients wait while this runs
     LinkShutdown();
     onClientGone(this);
 }

@@ -3,7 +3,10 @@
 
 #include "GevTLBase/GevHelper.h"
 #include "logging/log.h"
+#include "platform/thread.h"
 
+#include <algorithm>
+#include <memory>
 #include <system_error>
 #include <vector>
 
@@ -17,6 +20,12 @@ constexpr std::size_t flushBufferSize = 65536;
 /// The address that stands for no destination.
 constexpr std::uint32_t noAddress = 0xFFFFFFFF;
 constexpr std::uint32_t broadcastAddress = 0xFFFFFFFF;
+
+/// Longest wait in one system call.
+constexpr std::uint32_t waitStepMs = 500;
+
+/// How long a rebind waits for whoever receives on the old socket: as long as one does, the port is taken.
+constexpr unsigned oldSocketWaitMs = 200;
 
 /// What the system reports for an operation on a socket that isn't there.
 constexpr int noSocketError = static_cast<int>(std::errc::bad_file_descriptor);
@@ -58,6 +67,13 @@ CSockConnection::~CSockConnection()
         current->close();
 }
 
+// Between the old socket and the new one every attempt of a command would fail at once.
+void CSockConnection::AwaitBind()
+{
+    if (binding.load(std::memory_order_relaxed))
+        const std::lock_guard<std::mutex> ended(bindLock);
+}
+
 zuPlatform::SocketPtr CSockConnection::CurrentSocket() const
 {
     const std::lock_guard<std::mutex> lock(fieldLock);
@@ -74,6 +90,10 @@ void CSockConnection::OpenSocket()
     if (old) {
         old->shutdownSend();
         old->close();
+        const std::weak_ptr<zuPlatform::DatagramSocket> held = old;
+        old.reset();
+        for (unsigned waited = 0; waited < oldSocketWaitMs && !held.expired(); ++waited)
+            zuPlatform::sleepMs(1);
     }
     int error = 0;
     const zuPlatform::SocketPtr made = zuPlatform::DatagramSocket::open(error);
@@ -122,6 +142,12 @@ void CSockConnection::GetDontFragment(bool& value)
 std::int32_t CSockConnection::Bind(std::uint32_t ip, std::uint16_t port)
 {
     const zuPlatform::SocketAddress wanted = toNetwork(ip, port);
+    const std::lock_guard<std::mutex> one(bindLock);
+    const struct Binding {
+        explicit Binding(std::atomic<bool>& flag) : flag_(flag) { flag_.store(true, std::memory_order_relaxed); }
+        ~Binding() { flag_.store(false, std::memory_order_relaxed); }
+        std::atomic<bool>& flag_;
+    } underWay(binding);
     {
         const std::lock_guard<std::mutex> lock(fieldLock);
         if (wanted.address == localAddress.address && ip != 0 && (port == 0 || wanted.port == localAddress.port))
@@ -176,14 +202,34 @@ std::int32_t CSockConnection::GetLocalAddress(std::uint32_t& ip, std::uint16_t& 
     return resultCode::success;
 }
 
+std::uint32_t CSockConnection::Allowed(std::uint32_t timeoutMs) const
+{
+    return std::min(timeoutMs, waitLimit.load(std::memory_order_relaxed));
+}
+
+// In steps, so that a limit that is set meanwhile is seen.
+zuPlatform::ReceiveResult CSockConnection::Await(zuPlatform::DatagramSocket& on, void* buffer, std::uint32_t size,
+                                                 std::uint32_t timeoutMs, zuPlatform::SocketAddress& from) const
+{
+    for (std::uint32_t waited = 0;;) {
+        const std::uint32_t allowed = Allowed(timeoutMs);
+        const std::uint32_t step = std::min(allowed - std::min(allowed, waited), waitStepMs);
+        const zuPlatform::ReceiveResult result = on.receive(buffer, size, step, &from);
+        waited += step;
+        if (result.kind != zuPlatform::ReceiveResult::Kind::timeout || waited >= Allowed(timeoutMs))
+            return result;
+    }
+}
+
 std::int32_t CSockConnection::Receive(void* buffer, std::uint32_t size, std::uint32_t timeoutMs, std::uint32_t* ip,
                                       std::uint16_t* port, std::int32_t& count)
 {
     using Kind = zuPlatform::ReceiveResult::Kind;
     count = 0;
     zuPlatform::SocketAddress from;
+    AwaitBind();
     const zuPlatform::SocketPtr current = CurrentSocket();
-    const zuPlatform::ReceiveResult got = current ? current->receive(buffer, size, timeoutMs, &from)
+    const zuPlatform::ReceiveResult got = current ? Await(*current, buffer, size, timeoutMs, from)
                                                   : zuPlatform::ReceiveResult{Kind::waitFailed, -1, noSocketError};
     switch (got.kind) {
     case Kind::timeout:
@@ -229,6 +275,7 @@ std::int32_t CSockConnection::Send(const void* buffer, std::uint32_t size, std::
 {
     zuPlatform::SocketPtr current;
     zuPlatform::SocketAddress to;
+    AwaitBind();
     {
         const std::lock_guard<std::mutex> lock(fieldLock);
         current = socket;

@@ -106,6 +106,25 @@ TEST(Races, ClientKilledWithACommandInFlight)
     EXPECT_TRUE(next.link(LinkMode::control()));
 }
 
+TEST(Races, ADeadClientsLongWaitsKeepNobodyOut)
+{
+    DaemonUnderTest daemon;
+    gevsim::Camera camera{"127.0.17.6", 0};
+    gevsim::Camera other{"127.0.17.8", 0};
+    ChildProcess client(
+        {builtProgram("e2e_client"), std::to_string(camera.ip()), std::to_string(camera.port()), "read", "600000"});
+    ASSERT_TRUE(client.waitForOutput("linked"));
+    camera.silence(milliseconds::max());
+    client.write("\n");
+    ASSERT_TRUE(camera.waitFor([&] { return !camera.commands(Command::readReg, gevsim::reg::version).empty(); }));
+    client.signal(SIGKILL);
+    client.wait();
+    ASSERT_TRUE(camera.waitForWrite(gevsim::reg::ccp)) << "given back, though nothing answers";
+    Connection next;
+    next.setDestination(at(other));
+    EXPECT_TRUE(next.link(LinkMode::control()));
+}
+
 TEST(Races, ClientLeavesWithACommandInFlight)
 {
     DaemonUnderTest daemon;

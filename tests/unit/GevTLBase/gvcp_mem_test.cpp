@@ -244,6 +244,7 @@ TEST_F(GvcpMem, ReadMemEndsAgainstADeviceThatAnswersNothingForEver)
         return 0;
     });
     EXPECT_STREQ("ReadReg returned error", failureOf([&] { readMem(0x10, 4); }).what());
+    EXPECT_THAT(connection.sent(), SizeIs(1024 + 3)) << "each further one is a failed attempt";
 }
 
 TEST_F(GvcpMem, ReadMemAnswersCutAtEveryByte)

@@ -1,4 +1,5 @@
 // CSockConnection, and the camera link over it, with real sockets on the loopback interface.
+#include "platform/thread.h"
 #include "src/SockControl.h"
 #include "tests/support/recording_target.h"
 
@@ -8,6 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <fstream>
+#include <string>
 #include <thread>
 
 using namespace GEV;
@@ -246,6 +249,66 @@ TEST_F(Loopback, ABindWakesTheReceiverOfTheOldSocket)
     binder.join();
     EXPECT_EQ(-10012, result);
     EXPECT_EQ(-1, count);
+}
+
+/// Whether a thread of this process sleeps in the system.
+bool sleeps(std::uint64_t threadId)
+{
+    std::ifstream file("/proc/self/task/" + std::to_string(threadId) + "/stat");
+    std::string line;
+    std::getline(file, line);
+    const std::size_t state = line.rfind(") ");
+    return state != std::string::npos && line.size() > state + 2 && line[state + 2] == 'S';
+}
+
+TEST_F(Loopback, ARebindGetsThePortThatAReceiverStillHolds)
+{
+    const zuTest::LogRecorder log;
+    CSockConnection connection;
+    connection.Bind(localIp, 0);
+    const std::uint16_t port = zuPlatform::networkToHost16(addressOf(connection).port);
+    std::atomic<std::uint64_t> receiverId{0};
+    std::atomic<bool> ended{false};
+    std::thread receiver([&] {
+        receiverId = zuPlatform::currentThreadId();
+        std::uint8_t buffer[576];
+        std::int32_t count = 0;
+        while (!ended)
+            connection.Receive(buffer, sizeof buffer, 60000, nullptr, nullptr, count);
+    });
+    for (int i = 0; i < 20; ++i) {
+        while (receiverId == 0 || !sleeps(receiverId))
+            std::this_thread::yield();
+        std::uint32_t ip = 0;
+        std::uint16_t bound = 0;
+        connection.Bind(i % 2 == 0 ? 0 : localIp, port);
+        connection.GetLocalAddress(ip, bound);
+        EXPECT_EQ(port, bound);
+    }
+    ended = true;
+    connection.Bind(0, 0);
+    receiver.join();
+    EXPECT_FALSE(log.contains("Unable to bind")) << "in use by the thread that receives";
+}
+
+TEST_F(Loopback, ALimitEndsAWaitUnderWay)
+{
+    CSockConnection connection;
+    connection.Bind(localIp, 0);
+    std::atomic<bool> started{false};
+    std::int32_t result = 0;
+    std::int32_t count = 99;
+    std::thread receiver([&] {
+        std::uint8_t buffer[576];
+        started = true;
+        result = connection.Receive(buffer, sizeof buffer, 100u * 60 * 1000, nullptr, nullptr, count);
+    });
+    while (!started)
+        std::this_thread::yield();
+    connection.LimitWaits(1);
+    receiver.join();
+    EXPECT_EQ(-10012, result);
+    EXPECT_EQ(0, count);
 }
 
 // --- The whole link
