@@ -1,8 +1,10 @@
 // One process's end of the traffic with one peer process: two loopback sockets, two threads that do nothing but
 // receive, a pool of buffers and a table of instances.
 //
-// Locks, outermost first: `instanceLock`, the mutexes of an InstanceInfo, `poolLock`. `slotLock`, `socketLock` and
-// `threadLock` are leaves. A sender holds its instance's send lock outside all of them.
+// Locks, outermost first: `requestLock`, `instanceLock`, the mutexes of an InstanceInfo or `dispAckMutex`, `poolLock`.
+// `clientLock` comes inside `requestLock` and is held across `SendRequest`, which takes `socketLock`. `slotLock` and
+// `socketLock` are leaves. Threads are started under `threadLock`, so PipeThread's locks come inside it, and no others.
+// A sender holds its instance's send lock outside all of these but `requestLock`.
 #pragma once
 
 #include "GevTLBase/IPCPipe/IMsgSrc.h"

@@ -1,6 +1,7 @@
 // One logical connection over a dispatcher, with a thread of its own that reads commands and calls the handler.
 //
-// `sendLock` comes before every lock of the dispatcher; `stateLock` is a leaf.
+// `sendLock` comes before every lock of the dispatcher but `requestLock`. The own thread is started under `stateLock`,
+// so PipeThread's locks come inside it, and no others.
 #pragma once
 
 #include "GevTLBase/IPCPipe/Dispatcher.h"

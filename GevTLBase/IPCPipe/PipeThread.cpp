@@ -1,4 +1,5 @@
-// Threads that are used again. Locks: a run's, then its worker's; that of the parking is taken alone.
+// Threads that are used again. Locks: a run's, then its worker's; that of the parking is under neither, and nothing is
+// taken under it. What the caller of `Start` holds is outside all three.
 #include "GevTLBase/IPCPipe/PipeThread.h"
 
 #include "platform/thread.h"
