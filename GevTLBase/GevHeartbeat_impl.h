@@ -1,6 +1,6 @@
 // The heartbeat thread of CGevControl. Included by GevControl_impl.h.
 //
-// Each successful command restarts the thread's wait. It does so by moving the end of the wait, and wakes the thread
+// Each answer of the device restarts the thread's wait. It does so by moving the end of the wait, and wakes the thread
 // only when the new end lies before the moment at which the thread looks by itself: a busy client costs no thread
 // switch.
 #pragma once
