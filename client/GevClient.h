@@ -121,9 +121,14 @@ public:
     void writeRegister(std::uint32_t address, std::uint32_t value);
 
     /// Memory of any length at any address; nothing outside [address, address + size) changes. Cameras take whole
-    /// words: what lies unaligned at the ends is read, merged and written back. Writing needs control; where the camera
-    /// took so long that its acknowledge may be missing, the data is read back and compared. Long transfers are many
-    /// commands, between which other threads' commands get their turn. A failure leaves the start written.
+    /// words: what lies unaligned at the ends is read, merged and written back. Long transfers are many commands,
+    /// between which other threads' commands get their turn. A failure leaves the start written.
+    ///
+    /// Writing needs control. Where it took the time of all attempts, so that the acknowledge may be missing, the data
+    /// is read back; if it isn't there it is written once more, and read back again if that took as long. CameraError
+    /// with Status::timeout if it still isn't there. That covers silence: attempts that end early, by a PENDING_ACK of
+    /// a short time that the camera doesn't keep or by malformed answers, may go unnoticed. Who must be sure reads
+    /// back.
     void readMemory(std::uint32_t address, void* destination, std::size_t size);
     std::vector<std::uint8_t> readMemory(std::uint32_t address, std::size_t size);
     void writeMemory(std::uint32_t address, const void* source, std::size_t size);
