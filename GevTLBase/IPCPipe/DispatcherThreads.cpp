@@ -136,14 +136,17 @@ void CDispatcher::HandleCmd(std::shared_ptr<instance_msg>& message)
         return;
     }
     std::shared_ptr<InstanceInfo> info;
+    bool pastEnd = false;
     {
         const std::shared_lock<std::shared_mutex> lock(instanceLock);
         const std::lock_guard<std::mutex> slots(slotLock);
-        if (header.index >= instances.size()) {
-            ReturnMsg(message);
-            return;
-        }
-        info = instances[header.index];
+        pastEnd = header.index >= instances.size();
+        if (!pastEnd)
+            info = instances[header.index];
+    }
+    if (pastEnd) {
+        ReturnMsg(message);
+        return;
     }
     // A message for a freed slot leaves circulation, with the share that the pool had given out.
     if (!info)
