@@ -3,6 +3,8 @@
 
 #include "tests/support/log_lines.h"
 
+#include <algorithm>
+
 namespace zuTest {
 namespace {
 
@@ -249,13 +251,26 @@ TEST(InstanceSendFlags, TakesNoTimeFromAnExtension)
 {
     Bench bench;
     const auto instance = bench.addInstance(7);
-    const auto start = Clock::now();
-    auto words =
-        std::async(std::launch::async, [&] { return thrown([&] { instance->SendFlags(kMsgControl | 0x1000); }); });
-    EXPECT_EQ(bench.cmd.receive().value(), message(0x1008, 7));
-    bench.acknowledge(message(kMsgExtend, 0, 0, 60000));
-    EXPECT_EQ(words.get(), "IPCTimeoutException: Wait for Ack failed");
-    EXPECT_LT(Clock::now() - start, 30s);
+    // A wait begun anew would last its own half second in each round. Without one a round takes as long only if the
+    // extension itself was late, and then it tells nothing.
+    constexpr int rounds = 20;
+    constexpr auto limit = 400ms;
+    Clock::duration shortest = Clock::duration::max();
+    for (int round = 0; round < rounds && shortest >= limit; ++round) {
+        std::string words;
+        auto took = std::async(std::launch::async, [&] {
+            const auto start = Clock::now();
+            words = thrown([&] { instance->SendFlags(kMsgControl | 0x1000); });
+            return Clock::now() - start;
+        });
+        EXPECT_EQ(bench.cmd.receive().value(), message(0x1008, 7));
+        bench.acknowledge(message(kMsgExtend, 0, 0, 60000));
+        const Clock::duration time = took.get();
+        EXPECT_EQ(words, "IPCTimeoutException: Wait for Ack failed");
+        ASSERT_LT(time, 30s);
+        shortest = std::min(shortest, time);
+    }
+    EXPECT_LT(shortest, limit);
 }
 
 TEST(InstanceExtendTimeout, SendsTheNumberItIsGivenToTheAcknowledgePort)

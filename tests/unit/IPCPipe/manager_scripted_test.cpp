@@ -8,12 +8,15 @@
 #include "tests/support/log_lines.h"
 
 #include <cerrno>
+#include <stdexcept>
+#include <tuple>
 
 namespace zuTest {
 namespace {
 
 using namespace zuIPCPipe;
 using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 using FakeSockets::Call;
 using Kind = zuPlatform::ReceiveResult::Kind;
 
@@ -41,6 +44,13 @@ struct ManagerScripted : testing::Test {
         Bytes data(16, 0x5A);
         setNumber(data, 0, 4, status);
         FakeSockets::pushDatagram(data, from, managerSocket);
+    }
+    /// The announce of a process; the dispatcher made for it has the next two sockets, that for commands second.
+    static void announce(std::uint32_t pid)
+    {
+        Bytes data(16);
+        setNumber(data, 4, 4, pid);
+        FakeSockets::pushDatagram(data, client, managerSocket);
     }
     static constexpr zuPlatform::SocketAddress client = zuPlatform::loopbackAt(zuPlatform::hostToNetwork16(7000));
 
@@ -162,6 +172,69 @@ TEST_F(ManagerScripted, LosesItsServerThreadWithoutAWordToADispatcherThatCannotB
     expectDeaf();
     EXPECT_EQ(logs.texts("IPCMGR"), std::vector<std::string>());
     EXPECT_EQ(MgrProbe::pending(*manager), 0u);
+}
+
+TEST_F(ManagerScripted, LooksForDeadProcessesEveryTwoSeconds)
+{
+    constexpr std::uint32_t pid = 11;
+    const auto start = Clock::now();
+    const auto manager = server();
+    announce(pid);
+    ASSERT_TRUE(FakeProcesses::waitForAsked(pid, 1));
+    const auto first = Clock::now();
+    ASSERT_TRUE(FakeProcesses::waitForAsked(pid, 2));
+    const auto second = Clock::now();
+    // From the start and not from `first`, which this thread may have noted late.
+    EXPECT_GE(first - start, 1990ms);
+    EXPECT_GE(second - start, 3990ms);
+    EXPECT_LE(second - first, 8s);
+}
+
+TEST_F(ManagerScripted, LooksAtTheOtherProcessesWhenADisconnectHandlerThrows)
+{
+    constexpr std::uint32_t throwing = 11;
+    constexpr std::uint32_t gone = 12;
+    constexpr std::uint32_t living = 13;
+    // Who was told, and how often the first and the last process had been asked for by then.
+    using Told = std::tuple<std::uint32_t, std::size_t, std::size_t>;
+    std::mutex mutex;
+    std::vector<Told> told;
+    const auto tell = [&](std::uint32_t pid) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        told.emplace_back(pid, FakeProcesses::asked(throwing), FakeProcesses::asked(living));
+        return told.size();
+    };
+    const auto soFar = [&] {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return told;
+    };
+    std::vector<std::shared_ptr<IMsgSrc>> instances;
+    const auto manager = std::make_shared<CMgrServer>([&](auto source) { instances.push_back(std::move(source)); });
+    std::size_t sent = 0;
+    for (const std::uint32_t pid : {throwing, gone, living}) {
+        announce(pid);
+        ASSERT_TRUE(FakeSockets::waitForSent(++sent));
+        FakeSockets::pushDatagram(message(kMsgDispatcher | kMsgConnect, 0), {}, FakeSockets::opened() - 1);
+        ASSERT_TRUE(FakeSockets::waitForSent(++sent));
+    }
+    ASSERT_EQ(instances.size(), 3u);
+    instances[0]->SetDisconnectHandler([&] {
+        if (tell(throwing) > 1)
+            return;
+        // From here, so that no pass finds one of the two gone without the other.
+        FakeProcesses::setGone(gone);
+        throw std::runtime_error("once");
+    });
+    instances[1]->SetDisconnectHandler([&] { tell(gone); });
+    FakeProcesses::setGone(throwing);
+
+    ASSERT_TRUE(eventually([&] { return soFar().size() >= 3; }));
+    const std::vector<Told> all = soFar();
+    const std::size_t pass = std::get<1>(all[0]);
+    const std::size_t asks = std::get<2>(all[0]);
+    EXPECT_EQ(all, (std::vector<Told>{{throwing, pass, asks}, {gone, pass, asks}, {throwing, pass + 1, asks + 1}}));
+    EXPECT_TRUE(FakeProcesses::waitForAsked(living, asks + 2)) << "and behind a handler that did not throw";
+    EXPECT_TRUE(instances[2]->IsConnected());
 }
 
 struct ClientScripted : ManagerScripted {
