@@ -13,7 +13,6 @@ namespace zuGevClient {
 namespace {
 
 constexpr Milliseconds echoWait{750};
-constexpr Milliseconds liveWait{1500};
 constexpr int synchroniseAttempts = 6;
 constexpr std::uint32_t settleMs = 20; ///< lets a late acknowledge arrive before the next question
 constexpr std::int64_t longestWaitMs = 0x7FFFFFFF;
@@ -165,7 +164,7 @@ void Channel::findOut(const char* what)
     Reply reply;
     if (synchronise(reply))
         return;
-    if (!daemonAnswers(attachment_.daemonPort, liveWait))
+    if (!daemonLives(attachment_.daemonPort))
         loseDaemon("nothing answers any more");
     if (publishedPort() != attachment_.daemonPort)
         loseDaemon("another one has taken its place");

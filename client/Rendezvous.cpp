@@ -14,6 +14,7 @@
 #include <cstring>
 #include <mutex>
 #include <shared_mutex>
+#include <system_error>
 
 namespace zuGevClient {
 
@@ -21,6 +22,8 @@ namespace {
 
 constexpr std::uint32_t connectTimeoutMs = 3000;
 constexpr Milliseconds liveWait{1500};
+/// The daemon's manager answers nobody while it gives back the cameras of a client that died.
+constexpr Milliseconds busyWait{6000};
 constexpr std::uint32_t echoStepMs = 250;
 /// An announce is not repeated by the pipe, and a loaded machine may need more than its 300 ms.
 constexpr int announceAttempts = 3;
@@ -83,6 +86,23 @@ bool daemonAnswers(std::uint16_t port, Milliseconds wait)
     }
 }
 
+namespace {
+
+/// Whether some socket of this machine has the port: a dead daemon's is free.
+bool isTaken(std::uint16_t port)
+{
+    int error = 0;
+    const auto socket = zuPlatform::DatagramSocket::open(error);
+    return socket && socket->bind(zuPlatform::loopbackAt(port)) == static_cast<int>(std::errc::address_in_use);
+}
+
+} // namespace
+
+bool daemonLives(std::uint16_t port)
+{
+    return daemonAnswers(port, liveWait) || (isTaken(port) && daemonAnswers(port, busyWait));
+}
+
 Attachment attach()
 {
     Shared& process = shared();
@@ -90,11 +110,11 @@ Attachment attach()
     const std::uint16_t port = publishedPort();
     if (port == 0)
         throw NoDaemonError("No daemon is running on this machine (it has published no port)");
-    if (!daemonAnswers(port, liveWait))
+    if (!daemonLives(port))
         throw NoDaemonError("No daemon is running on this machine (nothing answers at the published port " +
                             std::to_string(zuPlatform::networkToHost16(port)) + ")");
     std::string reason;
-    for (int attempt = 0; attempt < announceAttempts; ++attempt) {
+    for (int attempt = 0; attempt < announceAttempts && (attempt == 0 || daemonLives(port)); ++attempt) {
         Attachment attachment;
         try {
             attachment.manager = process.manager.lock();

@@ -35,6 +35,9 @@ void detach(Attachment& attachment) noexcept;
 /// The port that a daemon has published, dead or alive; 0 if there is none. Network byte order.
 std::uint16_t publishedPort();
 
+/// Whether there is a daemon at this port (network byte order), be it busy for some seconds.
+bool daemonLives(std::uint16_t port);
+
 /// Whether a daemon's manager answers at this port (network byte order) within `wait`. It leaves no trace there.
 bool daemonAnswers(std::uint16_t port, Milliseconds wait);
 

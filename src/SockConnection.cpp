@@ -70,8 +70,9 @@ CSockConnection::~CSockConnection()
 // Between the old socket and the new one every attempt of a command would fail at once.
 void CSockConnection::AwaitBind()
 {
-    if (binding.load(std::memory_order_relaxed))
+    if (binding.load(std::memory_order_relaxed)) {
         const std::lock_guard<std::mutex> ended(bindLock);
+    }
 }
 
 zuPlatform::SocketPtr CSockConnection::CurrentSocket() const
