@@ -2,6 +2,7 @@
 // wait that failed the two sides are brought back into step before the next command.
 #include "client/Channel.h"
 
+#include "GevTLBase/IPCPipe/ClientConnect.h"
 #include "GevTLBase/IPCPipe/IPCException.h"
 #include "platform/thread.h"
 
@@ -95,22 +96,40 @@ Channel::~Channel() { detach(attachment_); }
 
 bool Channel::send(Request& request, Reply& reply, Milliseconds timeout)
 {
-    zuIPCPipe::IMsgSrc& source = *attachment_.source;
     reply.reset();
-    std::size_t length = Reply::room();
     const auto wait = static_cast<std::uint32_t>(std::clamp<std::int64_t>(timeout.count(), 1, longestWaitMs));
     try {
-        source.Send(request.message().Data(), request.message().UsedLength(), reply.data(), length, wait);
-    } catch (const zuIPCPipe::IPCTimeoutException&) {
-        return false;
+        if (!obtainReply(request, reply, wait))
+            return false;
     } catch (const zuIPCPipe::IPCAbortException&) {
         return false;
     } catch (const zuIPCPipe::IPCException& failure) {
         loseDaemon(failure.what());
     }
-    if (!source.IsConnected())
+    if (!attachment_.source->IsConnected())
         loseDaemon("it has closed the connection");
     return true;
+}
+
+// When the daemon asks for more time, this is for one attempt of one command to the camera. It sets the pipe's wait
+// anew, and when that is over, further attempts and commands may come before the reply: then the whole wait starts
+// again.
+bool Channel::obtainReply(Request& request, Reply& reply, std::uint32_t wait)
+{
+    zuIPCPipe::IMsgSrc& source = *attachment_.source;
+    std::size_t length = Reply::room();
+    try {
+        source.Send(request.message().Data(), request.message().UsedLength(), reply.data(), length, wait);
+        return true;
+    } catch (const zuIPCPipe::IPCTimeoutException&) {
+    }
+    for (;;) {
+        length = Reply::room();
+        try {
+            return zuIPCPipe::AwaitReply(source, reply.data(), length, wait);
+        } catch (const zuIPCPipe::IPCTimeoutException&) {
+        }
+    }
 }
 
 // The accesses keep the request's tags, so that their replies can be told from those of an earlier access.

@@ -27,7 +27,8 @@ public:
         repeat, ///< ask once more: the command changes nothing
     };
 
-    /// Sends the request and waits for its reply, up to `timeout` and for as long as the daemon asks for more time.
+    /// Sends the request and waits for its reply, up to `timeout`, and where the daemon asks for more time up to
+    /// `timeout` from the end of that.
     /// Throws DaemonLostError, TimeoutError, and DaemonError if the reply is none of this command.
     void exchange(Request& request, Reply& reply, Milliseconds timeout, OnSilence onSilence);
 
@@ -36,6 +37,7 @@ public:
 
 private:
     bool send(Request& request, Reply& reply, Milliseconds timeout);
+    bool obtainReply(Request& request, Reply& reply, std::uint32_t wait);
     bool belongs(Request& request, Reply& reply);
     bool synchronise(Reply& reply);
     void findOut(const char* what);

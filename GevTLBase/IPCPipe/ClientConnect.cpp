@@ -2,6 +2,7 @@
 #include "GevTLBase/IPCPipe/ClientConnect.h"
 
 #include "GevTLBase/IPCPipe/IPCException.h"
+#include "GevTLBase/IPCPipe/Instance.h"
 #include "GevTLBase/IPCPipe/MgrFactory.h"
 #include "platform/process.h"
 
@@ -38,6 +39,11 @@ std::shared_ptr<IMsgSrc> Connect(CMgr& manager, std::uint32_t timeout)
                 throw;
         }
     }
+}
+
+bool AwaitReply(IMsgSrc& source, void* reply, std::size_t& replyLength, std::uint32_t timeout)
+{
+    return dynamic_cast<CInstance&>(source).AwaitReply(reply, replyLength, timeout);
 }
 
 } // namespace zuIPCPipe

@@ -18,4 +18,7 @@ std::shared_ptr<CMgr> MakeClientManager();
 /// no server answers the announce, `IPCTimeoutException` "Wait for Ack failed" if none answers the request.
 std::shared_ptr<IMsgSrc> Connect(CMgr& manager, std::uint32_t timeout);
 
+/// `CInstance::AwaitReply` of a connection that `Connect` gave.
+bool AwaitReply(IMsgSrc& source, void* reply, std::size_t& replyLength, std::uint32_t timeout);
+
 } // namespace zuIPCPipe

@@ -49,6 +49,9 @@ public:
     void Disconnect() override;
     bool IsConnected() override;
 
+    /// After an `IPCTimeoutException` of `Send`, if the peer's `ExtendTimeout` had set its wait anew, goes on waiting
+    /// for the reply as `Send` does. False if it hadn't, and on a connection that is gone.
+    bool AwaitReply(void* reply, std::size_t& replyLength, std::uint32_t timeout);
     /// Sends a message of flags alone and waits 500 ms for its acknowledge.
     virtual void SendFlags(std::uint32_t flags);
     /// The dispatcher is going: tells the handler, waits for the own thread, gives up slot and dispatcher.
@@ -75,6 +78,7 @@ private:
     void Cut(const boost::signals2::connection& kept);
     void LeaveDispatcher();
     void WakeThread();
+    void TakeReply(CDispatcher& peer, void* reply, std::size_t& replyLength, std::uint32_t timeout);
     void FillPayload(instance_msg& message, const void* data, std::size_t length);
     std::shared_ptr<CDispatcher> Dispatcher() const;
     std::shared_ptr<CDispatcher> TakeDispatcher(bool& toRelease);
@@ -84,6 +88,7 @@ private:
     const std::uint64_t index;
     std::weak_ptr<CDispatcher::InstanceInfo> place; ///< what stood at `index` when this instance was made
     std::uint32_t seq = 0;                          ///< under `sendLock`
+    bool extended = false;                          ///< the last wait for a reply was; under `sendLock`
     std::atomic<bool> disconnected{false};
     std::atomic<bool> notifyPending{true};
     std::atomic<bool> entered{false};

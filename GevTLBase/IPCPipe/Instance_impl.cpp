@@ -82,23 +82,39 @@ void CInstance::Send(void* data, std::size_t length, void* reply, std::size_t& r
     message.header().seq = ++seq;
     FillPayload(message, data, length);
     peer->WriteCmd(message, index);
+    TakeReply(*peer, reply, replyLength, timeout);
+}
 
+bool CInstance::AwaitReply(void* reply, std::size_t& replyLength, std::uint32_t timeout)
+{
+    const SendGuard guard(sendLock);
+    const std::shared_ptr<CDispatcher> peer = Dispatcher();
+    if (disconnected || !extended || !peer)
+        return false;
+    TakeReply(*peer, reply, replyLength, timeout);
+    return true;
+}
+
+void CInstance::TakeReply(CDispatcher& peer, void* reply, std::size_t& replyLength, std::uint32_t timeout)
+{
+    extended = false;
     std::uint32_t wait = timeout;
     for (;;) {
         std::shared_ptr<instance_msg> answer;
-        if (!peer->ReadAck(answer, wait, index)) {
+        if (!peer.ReadAck(answer, wait, index)) {
             ZU_LOG(log, zuLogging::log_err, "Wait for Ack failed");
             throw IPCTimeoutException("Wait for Ack failed");
         }
         if ((answer->header().flags & kMsgExtend) != 0) {
+            extended = true;
             wait = answer->header().timeout;
-            peer->ReturnMsg(answer);
+            peer.ReturnMsg(answer);
         } else if ((answer->header().flags & kMsgAck) != 0) {
             if (reply) {
                 replyLength = std::min(replyLength, kMsgPayloadSize);
                 std::memcpy(reply, answer->payload(), replyLength);
             }
-            peer->ReturnMsg(answer);
+            peer.ReturnMsg(answer);
             return;
         }
     }

@@ -166,6 +166,68 @@ TEST(InstanceSend, WaitsAnewAtEachExtension)
     EXPECT_LT(Clock::now() - second, 40s) << "the second extension's time, and not the first's";
 }
 
+TEST(InstanceAwaitReply, GoesOnAfterAnExtensionThatIsOver)
+{
+    Bench bench;
+    const auto instance = bench.addInstance(7);
+    Bytes reply(1);
+    std::size_t length = 1;
+    for (int round = 1; round <= 2; ++round) {
+        PendingSend send(*instance, {1}, 1);
+        ASSERT_TRUE(bench.cmd.receive());
+        bench.acknowledge(message(kMsgExtend, 0, 1, 1));
+        EXPECT_EQ(send.words.get(), "IPCTimeoutException: Wait for Ack failed");
+    }
+    // A reply that is there already, and an extension that is over as well.
+    bench.acknowledge(message(kMsgExtend, 0, 2, 1));
+    EXPECT_EQ(thrown([&] { instance->AwaitReply(reply.data(), length, 20000); }),
+              "IPCTimeoutException: Wait for Ack failed");
+    bench.acknowledge(message(kMsgAck, 0, 2, 0, {5}));
+    ASSERT_TRUE(eventually([&] { return DispatcherProbe::slot(*bench.dispatcher, 0)->ackPending.load(); }));
+    EXPECT_TRUE(instance->AwaitReply(reply.data(), length, 1));
+    EXPECT_EQ(reply, Bytes{5});
+    EXPECT_FALSE(bench.cmd.receive(0)) << "nothing is sent for it";
+}
+
+TEST(InstanceAwaitReply, DoesNotGoOnAfterAWaitOfItsOwn)
+{
+    Bench bench;
+    const auto instance = bench.addInstance(7);
+    Bytes reply(1);
+    std::size_t length = 1;
+    const auto send = [&](std::uint32_t timeout) {
+        return thrown([&] { instance->Send(reply.data(), 1, reply.data(), length, timeout); });
+    };
+    EXPECT_FALSE(instance->AwaitReply(reply.data(), length, 20000)) << "nothing was sent";
+    EXPECT_EQ(send(1), "IPCTimeoutException: Wait for Ack failed");
+    EXPECT_FALSE(instance->AwaitReply(reply.data(), length, 20000));
+
+    ASSERT_TRUE(bench.cmd.receive());
+    PendingSend extended(*instance, {1}, 1);
+    ASSERT_TRUE(bench.cmd.receive());
+    bench.acknowledge(message(kMsgExtend, 0, 2, 1));
+    EXPECT_EQ(extended.words.get(), "IPCTimeoutException: Wait for Ack failed");
+    EXPECT_EQ(thrown([&] { instance->AwaitReply(reply.data(), length, 1); }),
+              "IPCTimeoutException: Wait for Ack failed");
+    EXPECT_FALSE(instance->AwaitReply(reply.data(), length, 20000));
+}
+
+TEST(InstanceAwaitReply, DoesNotGoOnOnceDisconnected)
+{
+    Bench bench;
+    const auto instance = bench.addInstance(7);
+    {
+        PendingSend send(*instance, {1}, 1);
+        ASSERT_TRUE(bench.cmd.receive());
+        bench.acknowledge(message(kMsgExtend, 0, 1, 1));
+        EXPECT_EQ(send.words.get(), "IPCTimeoutException: Wait for Ack failed");
+    }
+    bench.command(message(kMsgControl | kMsgTerminate, 0));
+    EXPECT_TRUE(eventually([&] { return !instance->IsConnected(); }));
+    std::size_t length = 0;
+    EXPECT_FALSE(instance->AwaitReply(nullptr, length, 20000));
+}
+
 TEST(InstanceSend, DropsWhatIsNeitherAnExtensionNorAnAcknowledge)
 {
     Bench bench;

@@ -229,6 +229,21 @@ TEST_F(ClientCameraTest, aCameraThatAsksForTimeIsWaitedFor)
     EXPECT_EQ(camera.writesTo(gevsim::feature::testValue).size(), 1u);
 }
 
+TEST_F(ClientCameraTest, aCameraThatAsksForLittleTimeGetsAllAttempts)
+{
+    connection->link(LinkMode::control());
+    connection->setAckTimeout(1000ms);
+    // The extension alone would end the wait after 550 ms, in the second attempt.
+    Fault unanswered = Fault::pendingAck(50ms);
+    unanswered.answer = false;
+    camera.inject(unanswered.only(gevsim::Command::writeReg));
+    camera.inject(Fault::drop().only(gevsim::Command::writeReg));
+    camera.clearLog();
+    connection->writeRegister(gevsim::feature::testValue, 99);
+    EXPECT_EQ(camera.received(gevsim::Command::writeReg), 3u);
+    EXPECT_EQ(connection->readRegister(gevsim::feature::testValue), 99u);
+}
+
 TEST_F(ClientCameraTest, heartbeatReachesTheCamera)
 {
     connection->link(LinkMode::control());

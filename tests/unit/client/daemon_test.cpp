@@ -152,6 +152,64 @@ TEST(DaemonTest, theDaemonMayAskForMoreTime)
     EXPECT_EQ(daemon.count(CmdWriteReg), 1u);
 }
 
+TEST(DaemonTest, anExtensionDoesNotShortenTheWait)
+{
+    ScriptedDaemon daemon;
+    Connection connection;
+    quick(connection);
+    daemon.on(CmdWriteReg, [&](Message&, std::size_t&, const boost::function<void(unsigned)>& extend) {
+        for (int i = 0; i < 3; ++i) {
+            extend(1);
+            std::this_thread::sleep_for(300ms);
+        }
+        return false;
+    });
+    connection.writeRegister(0x10, 5);
+    EXPECT_EQ(daemon.count(CmdWriteReg), 1u);
+    connection.writeRegister(0x14, 6);
+    EXPECT_EQ(daemon.getRegister(0x10), 5u);
+    EXPECT_EQ(daemon.getRegister(0x14), 6u);
+    EXPECT_EQ(connection.readRegister(0x10), 5u);
+}
+
+TEST(DaemonTest, anExtendedReadIsNotRepeated)
+{
+    ScriptedDaemon daemon;
+    daemon.setRegister(4, 44);
+    daemon.setRegister(8, 88);
+    Connection connection;
+    quick(connection);
+    daemon.on(CmdReadReg, [&](Message& m, std::size_t&, const boost::function<void(unsigned)>& extend) {
+        if (valueOf<std::uint64_t>(m, TagAddress) == 4) {
+            extend(1);
+            std::this_thread::sleep_for(300ms);
+        }
+        return false;
+    });
+    EXPECT_EQ(connection.readRegister(4), 44u);
+    EXPECT_EQ(connection.readRegister(8), 88u);
+    EXPECT_EQ(daemon.count(CmdReadReg), 2u);
+}
+
+TEST(DaemonTest, anExtensionThatIsNotKeptEnds)
+{
+    ScriptedDaemon daemon;
+    daemon.setRegister(4, 44);
+    Connection connection;
+    quick(connection);
+    std::promise<void> finish;
+    auto finished = finish.get_future().share();
+    daemon.on(CmdWriteReg, [&](Message&, std::size_t&, const boost::function<void(unsigned)>& extend) {
+        extend(1);
+        finished.wait_for(20s);
+        return false;
+    });
+    EXPECT_THROW(connection.writeRegister(0x10, 5), TimeoutError);
+    finish.set_value();
+    EXPECT_EQ(connection.readRegister(4), 44u);
+    daemon.settle();
+}
+
 TEST(DaemonTest, aDaemonThatDiesIsNoticedAndTold)
 {
     ScriptedDaemon daemon;
