@@ -234,9 +234,7 @@ TEST_F(ClientCameraTest, aCameraThatAsksForLittleTimeGetsAllAttempts)
     connection->link(LinkMode::control());
     connection->setAckTimeout(1000ms);
     // The extension alone would end the wait after 550 ms, in the second attempt.
-    Fault unanswered = Fault::pendingAck(50ms);
-    unanswered.answer = false;
-    camera.inject(unanswered.only(gevsim::Command::writeReg));
+    camera.inject(Fault::pendingAck(50ms).withoutAnswer().only(gevsim::Command::writeReg));
     camera.inject(Fault::drop().only(gevsim::Command::writeReg));
     camera.clearLog();
     connection->writeRegister(gevsim::feature::testValue, 99);
