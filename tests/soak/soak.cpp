@@ -257,8 +257,8 @@ void report(const char* when, int daemon, const Workers& workers, const Witness&
     std::printf("%s: %u clients, %u of them killed; daemon: %td descriptors, %s threads, %s KiB; "
                 "undisturbed client: %lu reads, slowest %.1f ms; %u complaints\n",
                 when, workers.started, workers.killed, descriptors, statusField(daemon, "Threads").c_str(),
-                statusField(daemon, "VmRSS").c_str(), witness.reads(),
-                static_cast<double>(witness.slowestUs()) / 1000, complaints.load());
+                statusField(daemon, "VmRSS").c_str(), witness.reads(), static_cast<double>(witness.slowestUs()) / 1000,
+                complaints.load());
     std::fflush(stdout);
 }
 
@@ -277,7 +277,8 @@ void soak(double seconds, unsigned seed, const std::string& daemonProgram)
     {
         Witness witness(cameras.quiet());
         report("at the start", daemon.pid(), workers, witness);
-        const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+        const auto end =
+            Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
         auto nextFault = Clock::now();
         auto nextReport = Clock::now() + 1min;
         bool alive = true;

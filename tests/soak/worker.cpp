@@ -53,7 +53,10 @@ public:
     }
 
 private:
-    std::uint32_t below(std::uint32_t limit) { return std::uniform_int_distribution<std::uint32_t>(0, limit - 1)(random_); }
+    std::uint32_t below(std::uint32_t limit)
+    {
+        return std::uniform_int_distribution<std::uint32_t>(0, limit - 1)(random_);
+    }
     bool oneIn(std::uint32_t count) { return below(count) == 0; }
 
     void step()
