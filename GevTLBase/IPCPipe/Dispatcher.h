@@ -86,13 +86,11 @@ public:
     /// threads. Repeatable, any thread.
     void Shutdown();
 
-    /// Waits for both threads after `Shutdown`; does nothing on a thread of the pipe's own.
-    void JoinThreads();
-
     std::uint64_t AddInstance(std::shared_ptr<InstanceInfo>& info);
     void ReleaseInstance(std::uint64_t index);
     void ConnectAbort(std::uint64_t index, boost::function<void()> abort);
-    void AbortInstance(std::uint64_t index); ///< wakes whoever waits in ReadCmd or ReadAck for good
+    /// Wakes whoever waits in ReadCmd or ReadAck for good, if `own` still has the index.
+    void AbortInstance(std::uint64_t index, const std::shared_ptr<InstanceInfo>& own);
     std::shared_ptr<InstanceInfo> Slot(std::uint64_t index) const; ///< null for a free one and past the end
     void WriteCmd(instance_msg& message, std::uint64_t index);
     void WriteAck(instance_msg& message, std::uint64_t index);

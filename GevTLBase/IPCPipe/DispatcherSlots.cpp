@@ -72,22 +72,21 @@ void CDispatcher::ConnectAbort(std::uint64_t index, boost::function<void()> abor
         info->abortSignal.connect(std::move(abort));
 }
 
-void CDispatcher::AbortInstance(std::uint64_t index)
+void CDispatcher::AbortInstance(std::uint64_t index, const std::shared_ptr<InstanceInfo>& own)
 {
     const std::unique_lock<std::shared_mutex> lock(instanceLock);
     if (index >= SlotCount())
         throw IPCException("Invalid instance index");
-    const std::shared_ptr<InstanceInfo> info = Slot(index);
-    if (!info)
+    if (!own || Slot(index) != own)
         return;
     // Under the mutexes, so that nobody is between its last look and its wait.
     {
-        const std::lock_guard<std::mutex> cmd(info->cmdMutex);
-        const boost::lock_guard<boost::mutex> ack(info->ackMutex);
-        info->aborted = 1;
+        const std::lock_guard<std::mutex> cmd(own->cmdMutex);
+        const boost::lock_guard<boost::mutex> ack(own->ackMutex);
+        own->aborted = 1;
     }
-    info->cmdCond.notify_all();
-    info->ackCond.notify_one();
+    own->cmdCond.notify_all();
+    own->ackCond.notify_one();
 }
 
 void CDispatcher::WriteCmd(instance_msg& message, std::uint64_t index)

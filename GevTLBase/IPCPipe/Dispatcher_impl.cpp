@@ -129,12 +129,6 @@ void CDispatcher::Shutdown()
         std::rethrow_exception(failure);
 }
 
-void CDispatcher::JoinThreads()
-{
-    if (!onPipeThread)
-        EndThreads();
-}
-
 void CDispatcher::EndThreads()
 {
     std::unique_ptr<PipeThread> ack;

@@ -253,7 +253,7 @@ void CInstance::Abort()
     disconnected = true;
     running = 0;
     if (const std::shared_ptr<CDispatcher> peer = Dispatcher())
-        peer->AbortInstance(index);
+        peer->AbortInstance(index, place.lock());
     EndThread(TakeThread());
     bool toRelease = false;
     const std::shared_ptr<CDispatcher> peer = TakeDispatcher(toRelease);

@@ -11,8 +11,6 @@
 #include <exception>
 #include <utility>
 
-#include <boost/bind/bind.hpp>
-#include <boost/bind/placeholders.hpp>
 #include <boost/chrono/duration.hpp>
 
 namespace zuIPCPipe {
@@ -25,42 +23,11 @@ constexpr boost::chrono::seconds monitorPeriod(2);
 
 } // namespace
 
-void PendingDispatchers::Append(std::shared_ptr<CDispatcher> dispatcher)
+CMgr::CMgr(ServerRole) : log(zuLogging::make_numbered_logstate("IPCMGR"))
 {
-    const std::lock_guard<std::mutex> lock(lock_);
-    list_.push_back(std::move(dispatcher));
+    OpenSocket();
+    link->manager = this;
 }
-
-void PendingDispatchers::Forget(const std::shared_ptr<CDispatcher>& dispatcher)
-{
-    std::list<std::shared_ptr<CDispatcher>> forgotten;
-    const std::lock_guard<std::mutex> lock(lock_);
-    const auto entry = std::find(list_.begin(), list_.end(), dispatcher);
-    if (entry != list_.end())
-        forgotten.splice(forgotten.begin(), list_, entry);
-}
-
-void PendingDispatchers::Keep(std::shared_ptr<CDispatcher> dispatcher)
-{
-    const std::lock_guard<std::mutex> lock(lock_);
-    if (std::find(list_.begin(), list_.end(), dispatcher) == list_.end())
-        list_.push_back(std::move(dispatcher));
-}
-
-void PendingDispatchers::Clear()
-{
-    std::list<std::shared_ptr<CDispatcher>> cleared;
-    const std::lock_guard<std::mutex> lock(lock_);
-    cleared.swap(list_);
-}
-
-std::size_t PendingDispatchers::Size() const
-{
-    const std::lock_guard<std::mutex> lock(lock_);
-    return list_.size();
-}
-
-CMgr::CMgr(ServerRole) : log(zuLogging::make_numbered_logstate("IPCMGR")) { OpenSocket(); }
 
 CMgr::CMgr() : CMgr(ServerRole()) { OpenSharedObject(); }
 
@@ -84,15 +51,17 @@ void CMgr::OpenSharedObject()
     if (mapping && mapping->size() >= sizeof(SharedObject))
         shared = static_cast<SharedObject*>(mapping->map(kSharedObjectSize));
     if (!shared)
-        throw IPCException("Unable to open shared object: no server has been started");
+        throw IPCException("Unable to create shared object");
     serverPort = LoadPort(*shared);
-    if (serverPort == 0)
-        throw IPCException("Shared object has no port: the server is not ready");
 }
 
 CMgr::~CMgr()
 {
     const boost::this_thread::disable_interruption noInterruption;
+    {
+        const std::lock_guard<std::mutex> lock(link->mutex);
+        link->manager = nullptr;
+    }
     try {
         CMgr::Stop();
     } catch (...) {
@@ -129,10 +98,13 @@ void CMgr::Stop()
             if (!failure)
                 failure = std::current_exception();
         }
-        // Its threads may still be in a callback of ours.
-        dispatcher->JoinThreads();
     }
-    pending->Clear();
+    std::list<std::shared_ptr<CDispatcher>> forgotten;
+    {
+        const std::lock_guard<std::mutex> guard(pendingLock);
+        forgotten.swap(pending);
+    }
+    forgotten.clear();
     {
         const boost::upgrade_to_unique_lock<boost::shared_mutex> exclusive(lock);
         dispatchers.clear();
@@ -154,9 +126,8 @@ void CMgr::GetDispatcher(std::shared_ptr<CDispatcher>& dispatcher, std::uint32_t
             }
         }
     }
-    // Bound to the list and not to the manager, whose life is its owner's affair.
-    const CDispatcher::Callback forget = boost::bind(&PendingDispatchers::Forget, pending, boost::placeholders::_1);
-    const CDispatcher::Callback keep = boost::bind(&PendingDispatchers::Keep, pending, boost::placeholders::_1);
+    const CDispatcher::Callback forget = Bind(&CMgr::ForgetDispatcher);
+    const CDispatcher::Callback keep = Bind(&CMgr::KeepDispatcher);
     if (IsServer()) {
         dispatcher = CDispatcher::Make(keep, forget, onConnect, pid);
     } else {
@@ -223,9 +194,35 @@ void CMgr::AnnounceDispatcher(std::shared_ptr<CDispatcher>& dispatcher)
     dispatcher->SetPid(zuPlatform::currentProcessId());
 }
 
-void CMgr::ForgetDispatcher(std::shared_ptr<CDispatcher> dispatcher) { pending->Forget(dispatcher); }
+CDispatcher::Callback CMgr::Bind(void (CMgr::*operation)(std::shared_ptr<CDispatcher>))
+{
+    return [way = link, operation](std::shared_ptr<CDispatcher> dispatcher) {
+        const std::lock_guard<std::mutex> lock(way->mutex);
+        if (way->manager)
+            (way->manager->*operation)(std::move(dispatcher));
+    };
+}
 
-void CMgr::KeepDispatcher(std::shared_ptr<CDispatcher> dispatcher) { pending->Keep(std::move(dispatcher)); }
+void CMgr::AppendPending(std::shared_ptr<CDispatcher> dispatcher)
+{
+    const std::lock_guard<std::mutex> lock(pendingLock);
+    pending.push_back(std::move(dispatcher));
+}
+
+void CMgr::ForgetDispatcher(std::shared_ptr<CDispatcher> dispatcher)
+{
+    const std::lock_guard<std::mutex> lock(pendingLock);
+    const auto entry = std::find(pending.begin(), pending.end(), dispatcher);
+    if (entry != pending.end())
+        pending.erase(entry); // not the last share: the caller has one
+}
+
+void CMgr::KeepDispatcher(std::shared_ptr<CDispatcher> dispatcher)
+{
+    const std::lock_guard<std::mutex> lock(pendingLock);
+    if (std::find(pending.begin(), pending.end(), dispatcher) == pending.end())
+        pending.push_back(std::move(dispatcher));
+}
 
 void CMgr::StartMonitor()
 {

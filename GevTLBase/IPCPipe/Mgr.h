@@ -30,24 +30,10 @@ struct MgrProbe;
 
 namespace zuIPCPipe {
 
-/// Dispatchers that have been announced and have no instance yet; until then this is their only owner. A part of its
-/// own, so that a dispatcher can reach it without holding the manager.
-class PendingDispatchers {
-public:
-    void Append(std::shared_ptr<CDispatcher> dispatcher);
-    void Forget(const std::shared_ptr<CDispatcher>& dispatcher); ///< removes the first entry that matches
-    void Keep(std::shared_ptr<CDispatcher> dispatcher);          ///< appends it unless present
-    void Clear();
-    std::size_t Size() const;
-
-private:
-    mutable std::mutex lock_; ///< leaf; no dispatcher is destroyed under it
-    std::list<std::shared_ptr<CDispatcher>> list_;
-};
-
 class CMgr : public std::enable_shared_from_this<CMgr> {
 public:
-    /// Client role. Throws `IPCException` if no server has published its port, or there is no socket.
+    /// Client role. Throws `IPCException` "Unable to create shared object" if no server has made one, and if there is
+    /// no socket. A server that isn't ready, or is gone, is found out by announcing.
     CMgr();
     virtual ~CMgr();
     CMgr(const CMgr&) = delete;
@@ -56,7 +42,8 @@ public:
     virtual bool IsServer();
     virtual SharedObject* GetSharedObject();
 
-    /// Shuts all dispatchers down and forgets them. Waits for their instances' threads.
+    /// Shuts all dispatchers down and forgets them. Waits for their instances' threads. A thread that is in a callback
+    /// of the manager's goes on, and ends by itself.
     virtual void Stop();
 
     /// Client role: the first live dispatcher of the process `pid` (0: of any) that has room, or else a new one, which
@@ -76,6 +63,8 @@ public:
     /// Client role: tells the server of a dispatcher and takes the server's ports over into it.
     virtual void AnnounceDispatcher(std::shared_ptr<CDispatcher>& dispatcher);
 
+    /// What each dispatcher calls, for as long as the manager lives: removes the first matching entry from the list of
+    /// those without an instance; appends it to that list unless present.
     void ForgetDispatcher(std::shared_ptr<CDispatcher> dispatcher);
     void KeepDispatcher(std::shared_ptr<CDispatcher> dispatcher);
 
@@ -88,6 +77,7 @@ protected:
     explicit CMgr(ServerRole); ///< socket only; the server makes the shared object itself
 
     void StartMonitor();
+    void AppendPending(std::shared_ptr<CDispatcher> dispatcher);
 
     zuLogging::logstate log;
     SharedObject* shared = nullptr; ///< the view; a client's is read only
@@ -95,7 +85,9 @@ protected:
     bool isServer = false;
     boost::shared_mutex dispatcherLock; ///< guards `dispatchers`
     std::vector<std::weak_ptr<CDispatcher>> dispatchers;
-    const std::shared_ptr<PendingDispatchers> pending = std::make_shared<PendingDispatchers>();
+    /// Announced, and without an instance yet; until then this is their only owner. Outside of `dispatcherLock`.
+    std::list<std::shared_ptr<CDispatcher>> pending;
+    mutable std::mutex pendingLock; ///< guards `pending`; no dispatcher is destroyed under it
     CDispatcher::NewInstance onConnect;
     std::unique_ptr<zuPlatform::SharedMemory> mapping;
     zuPlatform::SocketAddress addr; ///< the manager socket's own
@@ -108,9 +100,19 @@ protected:
     std::unique_ptr<boost::thread> monitorThread;
 
 private:
+    /// What a dispatcher's bound functions hold: the way to the manager while it lives. No share in it, since the
+    /// server's thread makes dispatchers before the manager has an owner.
+    struct Link {
+        std::mutex mutex; ///< guards `manager`, and is held across a call to it; `pendingLock` comes inside
+        CMgr* manager = nullptr;
+    };
+
     void OpenSocket();
     void OpenSharedObject();
+    CDispatcher::Callback Bind(void (CMgr::*operation)(std::shared_ptr<CDispatcher>));
     void MonitorThread();
+
+    const std::shared_ptr<Link> link = std::make_shared<Link>();
 };
 
 } // namespace zuIPCPipe

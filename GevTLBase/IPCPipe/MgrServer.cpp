@@ -5,6 +5,7 @@
 #include "GevTLBase/IPCPipe/SharedObjectView.h"
 #include "GevTLBase/IPCPipe/ThreadEnd.h"
 #include "logging/log.h"
+#include "platform/process.h"
 #include "platform/thread.h"
 
 #include <utility>
@@ -45,15 +46,12 @@ void CMgrServer::CreateSharedObject()
     mapping = SharedMemory::open(objectName, SharedMemory::Access::readWrite, error);
     if (!mapping)
         mapping = SharedMemory::create(objectName, kSharedObjectSize, error);
-    if (mapping)
-        shared = static_cast<SharedObject*>(mapping->map(kSharedObjectSize));
-    if (!shared)
+    if (!mapping)
         throw IPCException("Unable to create shared object");
-    volatile SharedObject& object = *shared;
-    object.marker = kSharedMarker;
-    object.headerSize = kSharedHeaderSize;
-    StorePort(*shared, 0);
-    object.reserved2 = 0;
+    shared = static_cast<SharedObject*>(mapping->map(kSharedObjectSize));
+    if (!shared)
+        zuPlatform::endByMemoryFault(); // a refused view goes unnoticed until the header is written to it
+    WriteHeader(*shared);
 }
 
 void CMgrServer::ServerThread()
@@ -93,7 +91,7 @@ void CMgrServer::HandleAnnounce(MgrDatagram* datagram)
 {
     std::shared_ptr<CDispatcher> dispatcher;
     GetDispatcher(dispatcher, datagram->pid);
-    pending->Append(dispatcher);
+    AppendPending(dispatcher);
     dispatcher->SetRemotePorts(std::uint16_t{datagram->cmdPort}, std::uint16_t{datagram->ackPort});
     datagram->rmtCmdPort = dispatcher->CmdPort();
     datagram->rmtAckPort = dispatcher->AckPort();

@@ -12,7 +12,8 @@ namespace zuIPCPipe {
 class CMgrServer : public CMgr {
 public:
     /// Starts serving. `callback` is called for each new instance, on a thread of its dispatcher. Throws `IPCException`
-    /// "Unable to create shared object", "Socket bind failed", "getsockname failed".
+    /// "Unable to create shared object", "Socket bind failed", "getsockname failed". An object that can't be mapped
+    /// ends the process.
     explicit CMgrServer(CDispatcher::NewInstance callback);
 
     /// Waits for both threads and for those of all instances.

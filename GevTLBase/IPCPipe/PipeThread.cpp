@@ -123,7 +123,6 @@ void PipeThread::Worker::Main(std::shared_ptr<Run> run)
     if (facts.timeCritical)
         static_cast<void>(zuPlatform::setCurrentThreadPriority(zuPlatform::ThreadPriority::timeCritical));
     zuPlatform::nameCurrentThread(facts.name);
-    onPipeThread = true;
     bool joined = false;
     while (run) {
         currentRun = run.get();

@@ -9,9 +9,6 @@
 
 namespace zuIPCPipe {
 
-/// True on every thread that the pipe has started for a dispatcher or an instance.
-inline thread_local bool onPipeThread = false;
-
 /// One body that runs on a thread of its own for as long as it takes. Dropping the handle lets it run on.
 class PipeThread {
 public:

@@ -26,4 +26,14 @@ inline void StorePort(SharedObject& object, std::uint16_t value)
     *port = value;
 }
 
+/// Everything but the port, and the port as not there yet: the object may be a dead server's.
+inline void WriteHeader(SharedObject& shared)
+{
+    volatile SharedObject& object = shared;
+    object.marker = kSharedMarker;
+    object.headerSize = kSharedHeaderSize;
+    StorePort(shared, 0);
+    object.reserved2 = 0;
+}
+
 } // namespace zuIPCPipe

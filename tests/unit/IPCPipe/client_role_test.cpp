@@ -13,19 +13,28 @@ using namespace zuIPCPipe;
 using namespace std::chrono_literals;
 using zuPlatform::SharedMemory;
 
-TEST(ClientManager, NeedsAnObjectWithAPort)
+TEST(ClientManager, NeedsAnObject)
 {
     const OwnNames names;
-    EXPECT_EQ(thrown([] { MakeClientManager(); }),
-              "IPCException: Unable to open shared object: no server has been started");
+    EXPECT_EQ(thrown([] { MakeClientManager(); }), "IPCException: Unable to create shared object");
     int error = 0;
     const auto object = SharedMemory::create(kSharedObjectName, 2048, error);
     ASSERT_TRUE(object);
-    EXPECT_EQ(thrown([] { MakeClientManager(); }), "IPCException: Shared object has no port: the server is not ready");
     static_cast<std::uint8_t*>(object->map(2048))[8] = 1;
     const auto client = MakeClientManager();
     EXPECT_FALSE(client->IsServer());
     EXPECT_EQ(MgrProbe::serverPort(*client), 1);
+}
+
+TEST(ClientManager, CannotAnnounceWhileThereIsNoPort)
+{
+    const OwnNames names;
+    int error = 0;
+    const auto object = SharedMemory::create(kSharedObjectName, 2048, error);
+    ASSERT_TRUE(object);
+    const auto client = MakeClientManager();
+    EXPECT_EQ(MgrProbe::serverPort(*client), 0);
+    EXPECT_EQ(thrown([&] { Connect(*client, 20000); }), "IPCTimeoutException: Socket sendto failed");
 }
 
 TEST(ClientManager, IsNotHeldUpByAnObjectThatIsTooShort)
@@ -34,8 +43,7 @@ TEST(ClientManager, IsNotHeldUpByAnObjectThatIsTooShort)
     int error = 0;
     const auto object = SharedMemory::create(kSharedObjectName, 8, error);
     ASSERT_TRUE(object);
-    EXPECT_EQ(thrown([] { MakeClientManager(); }),
-              "IPCException: Unable to open shared object: no server has been started");
+    EXPECT_EQ(thrown([] { MakeClientManager(); }), "IPCException: Unable to create shared object");
 }
 
 TEST(ClientManager, AnnouncesADispatcherAndTakesItsPortsOver)

@@ -24,7 +24,7 @@ struct DispatcherRefused : testing::Test {
     {
         if (dispatcher) {
             dispatcher->Shutdown();
-            dispatcher->JoinThreads();
+            DispatcherProbe::join(*dispatcher);
         }
     }
     void make()

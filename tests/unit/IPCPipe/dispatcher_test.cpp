@@ -180,7 +180,7 @@ TEST(Dispatcher, LogsItsLifeAndATermination)
         EXPECT_FALSE(DispatcherProbe::stopped(*bench.dispatcher));
         bench.command(message(kMsgDispatcher | kMsgTerminate, 0));
         EXPECT_EQ(bench.ack.receive().value(), message(0x130, 0));
-        bench.dispatcher->JoinThreads();
+        DispatcherProbe::join(*bench.dispatcher);
     }
     const auto texts = logs.texts("IPCDIS");
     ASSERT_EQ(texts.size(), 4u);
@@ -298,7 +298,7 @@ TEST(Dispatcher, LeavesItsSpinForABufferWhenItIsShutDown)
     }
     bench.command(message(kMsgControl | kMsgPing, 0));
     bench.dispatcher->Shutdown();
-    bench.dispatcher->JoinThreads();
+    DispatcherProbe::join(*bench.dispatcher);
     EXPECT_FALSE(DispatcherProbe::running(*bench.dispatcher));
 }
 

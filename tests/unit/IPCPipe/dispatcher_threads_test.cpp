@@ -56,7 +56,7 @@ TEST(Dispatcher, EndsItsAcknowledgeThreadOnInterruptionAndLeavesTheOther)
     ack.send(message(kMsgDispatcher, 0, 61), dispatcher->CmdPort());
     EXPECT_EQ(number(ack.receive().value(), 8, 4), 61u);
     dispatcher->Shutdown();
-    dispatcher->JoinThreads();
+    DispatcherProbe::join(*dispatcher);
 }
 
 /// Acts on the thread that logs a warning.
@@ -93,7 +93,7 @@ TEST(Dispatcher, EndsItsAcknowledgeThreadOnAnExceptionAndLeavesTheOther)
     ack.send(message(kMsgDispatcher, 0, 61), dispatcher->CmdPort());
     EXPECT_EQ(number(ack.receive().value(), 8, 4), 61u);
     dispatcher->Shutdown();
-    dispatcher->JoinThreads();
+    DispatcherProbe::join(*dispatcher);
 }
 
 TEST(Dispatcher, LosesNeitherThreadNorBufferToAFailedReceive)
@@ -110,7 +110,7 @@ TEST(Dispatcher, LosesNeitherThreadNorBufferToAFailedReceive)
     EXPECT_TRUE(eventually([&] { return DispatcherProbe::poolSize(*dispatcher) == 0; }));
     EXPECT_EQ(logs.texts("IPCDIS"), std::vector<std::string>{"CTOR Dispatcher\n"});
     dispatcher->Shutdown();
-    dispatcher->JoinThreads();
+    DispatcherProbe::join(*dispatcher);
 }
 
 TEST(Dispatcher, EndsItsCommandThreadWhenTheNewInstanceCallbackThrows)

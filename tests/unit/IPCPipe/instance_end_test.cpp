@@ -108,6 +108,27 @@ TEST(InstanceAbort, LeavesTheDestructorNothingToRelease)
     EXPECT_FALSE(bench.cmd.receive(0)) << "nor is the peer told";
 }
 
+TEST(InstanceAbort, AfterADisconnectTouchesNoYoungerInstance)
+{
+    Bench bench;
+    const auto first = bench.addInstance(7);
+    const auto other = bench.addInstance(8);
+    auto gone = std::async(std::launch::async, [&] { first->Disconnect(); });
+    ASSERT_TRUE(bench.cmd.receive());
+    bench.acknowledge(message(0x38, 0));
+    gone.get();
+    const auto younger = bench.addInstance(9);
+    ASSERT_EQ(DispatcherProbe::indexOf(*younger), 0u);
+    first->Abort();
+    EXPECT_EQ(DispatcherProbe::slot(*bench.dispatcher, 0)->aborted, 0u);
+    EXPECT_EQ(bench.dispatcher->InstanceCount(), 2u);
+    PendingSend send(*younger, {1}, 1);
+    EXPECT_EQ(bench.cmd.receive().value(), message(0, 9, 1, 0, {1}));
+    bench.acknowledge(message(kMsgAck, 0, 1, 0, {5}));
+    EXPECT_EQ(send.words.get(), "");
+    EXPECT_EQ(send.reply, Bytes{5});
+}
+
 TEST(InstanceRelease, LeavesTheDestructorNothingToRelease)
 {
     Bench bench;

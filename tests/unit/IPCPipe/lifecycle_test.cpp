@@ -262,7 +262,7 @@ TEST(Lifecycle, AShutdownMeetsConnectsAndLeavesNoInstanceBehind)
         });
         dispatcher->Shutdown();
         other.join();
-        dispatcher->JoinThreads();
+        DispatcherProbe::join(*dispatcher);
         EXPECT_EQ(dispatcher->InstanceCount(), 0u);
         EXPECT_EQ(server.disconnects(), server.instances());
         for (std::size_t i = 1; i <= server.instances(); ++i)

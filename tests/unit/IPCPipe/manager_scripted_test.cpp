@@ -8,6 +8,7 @@
 #include "tests/support/log_lines.h"
 
 #include <cerrno>
+#include <csignal>
 #include <stdexcept>
 #include <tuple>
 
@@ -83,8 +84,12 @@ TEST_F(ManagerScripted, NeedsItsSharedObject)
     EXPECT_EQ(refusal(), "IPCException: Unable to create shared object");
     EXPECT_EQ(FakeSharedMemory::calls(),
               (std::vector<std::string>{"open write Global\\zuGevSvc", "create 2048 Global\\zuGevSvc"}));
+}
+
+TEST_F(ManagerScripted, WritesToAnObjectThatCannotBeMapped)
+{
     FakeSharedMemory::fail(FakeSharedMemory::Call::map, ENOMEM);
-    EXPECT_EQ(refusal(), "IPCException: Unable to create shared object");
+    EXPECT_EXIT(server(), testing::KilledBySignal(SIGSEGV), "");
 }
 
 TEST_F(ManagerScripted, TellsAFailedWaitFromAFailedReceiveOfARequest)
@@ -250,7 +255,7 @@ struct ClientScripted : ManagerScripted {
         FakeSockets::onSend({});
         if (dispatcher) {
             dispatcher->Shutdown();
-            dispatcher->JoinThreads();
+            DispatcherProbe::join(*dispatcher);
         }
     }
     std::shared_ptr<CMgr> manager;
@@ -285,7 +290,7 @@ TEST_F(ClientScripted, DoesNotLookAtTheStatusOfAReply)
         made->WriteAck(out, CDispatcher::kNoIndex);
         EXPECT_EQ(FakeSockets::sent().back().to, zuPlatform::loopbackAt(zuPlatform::hostToNetwork16(7002)));
         made->Shutdown();
-        made->JoinThreads();
+        DispatcherProbe::join(*made);
     }
 }
 

@@ -3,6 +3,7 @@
 #include "tests/unit/IPCPipe/pipe_support.h"
 
 #include "GevTLBase/IPCPipe/MgrFactory.h"
+#include "GevTLBase/IPCPipe/SharedObjectView.h"
 #include "platform/process.h"
 #include "platform/shared_memory.h"
 
@@ -15,6 +16,14 @@ namespace {
 
 using namespace zuIPCPipe;
 using zuPlatform::SharedMemory;
+
+TEST(SharedObject, HasNoPortUntilItsServerPutsOneThere)
+{
+    // What a client finds in the object of a server that is gone, while the next one starts.
+    Bytes left(16, 0xA5);
+    WriteHeader(*reinterpret_cast<SharedObject*>(left.data()));
+    EXPECT_EQ(left, (Bytes{1, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0xA5, 0xA5, 0, 0, 0, 0}));
+}
 
 Bytes sharedObject(std::size_t bytes = 2048)
 {
@@ -212,6 +221,49 @@ TEST(ServerManager, KeepsAndForgetsDispatchersInItsPendingList)
     manager.ForgetDispatcher(dispatcher);
     manager.ForgetDispatcher(dispatcher);
     EXPECT_EQ(MgrProbe::pending(manager), 0u);
+}
+
+TEST(ServerManager, IsReachedByItsDispatchersForAsLongAsItLives)
+{
+    const OwnNames names;
+    auto manager = std::make_shared<CMgrServer>([](auto) {});
+    std::shared_ptr<CDispatcher> dispatcher;
+    manager->GetDispatcher(dispatcher, zuPlatform::currentProcessId());
+    const auto& keep = DispatcherProbe::keep(*dispatcher);
+    const auto& forget = DispatcherProbe::forget(*dispatcher);
+    keep(dispatcher);
+    keep(dispatcher);
+    EXPECT_EQ(MgrProbe::pending(*manager), 1u);
+    forget(dispatcher);
+    EXPECT_EQ(MgrProbe::pending(*manager), 0u);
+    manager.reset();
+    keep(dispatcher);
+    EXPECT_EQ(dispatcher.use_count(), 1);
+    forget(dispatcher);
+}
+
+TEST(ServerManager, StopsWhileANewInstanceCallbackWaitsForADispatcher)
+{
+    std::promise<void> entered;
+    std::promise<void> go;
+    std::shared_ptr<CDispatcher> another;
+    Server server([&](const std::shared_ptr<IMsgSrc>&) {
+        entered.set_value();
+        go.get_future().wait();
+        server.manager().GetDispatcher(another, 5);
+    });
+    RawPeer peer(server.port());
+    peer.command(message(kMsgDispatcher | kMsgConnect, 0));
+    entered.get_future().wait();
+    auto dispatcher = MgrProbe::dispatcher(server.manager(), 0);
+    {
+        const EndsInTime stop([&] { server.manager().Stop(); });
+        EXPECT_TRUE(eventually([&] { return !DispatcherProbe::running(*dispatcher); }));
+        dispatcher.reset();
+        go.set_value();
+    }
+    ASSERT_TRUE(eventually([&] { return MgrProbe::dispatcherSlots(server.manager()) == 1; }));
+    another.reset();
 }
 
 TEST(ServerManager, ShutsAllDispatchersDownInStopAndAnswersAnnouncesAfterIt)

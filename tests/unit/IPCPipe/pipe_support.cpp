@@ -6,6 +6,7 @@
 #include "platform/thread.h"
 
 #include <atomic>
+#include <cstdlib>
 
 namespace zuTest {
 
@@ -122,22 +123,27 @@ std::uint32_t RawPeer::connect(std::uint32_t ownIndex)
     return static_cast<std::uint32_t>(number(ack.receive().value(), 20, 4));
 }
 
-Server::Server(Prepare prepare) : prepare_(std::move(prepare))
+Server::Server(Prepare prepare)
 {
-    manager_ = std::make_shared<CMgrServer>([this](std::shared_ptr<IMsgSrc> source) { onConnect(std::move(source)); });
+    auto left = std::make_shared<std::promise<void>>();
+    left_ = left->get_future();
+    manager_ = std::make_shared<CMgrServer>(
+        [state = state_, prepare = std::move(prepare), kept = std::move(left)](std::shared_ptr<IMsgSrc> source) {
+            onConnect(state, prepare, std::move(source));
+        });
 }
 
 Server::~Server()
 {
     manager_.reset();
     dropInstances();
+    EXPECT_EQ(left_.wait_for(std::chrono::seconds(20)), std::future_status::ready);
 }
 
-void Server::onConnect(std::shared_ptr<IMsgSrc> source)
+void Server::onConnect(const std::shared_ptr<State>& state, const Prepare& prepare, std::shared_ptr<IMsgSrc> source)
 {
-    const std::shared_ptr<State> state = state_;
-    if (prepare_)
-        prepare_(source);
+    if (prepare)
+        prepare(source);
     else
         source->SetMsgHandler(echo(kMsgPayloadSize));
     source->SetDisconnectHandler([state] {
@@ -201,7 +207,7 @@ Bench::Bench(CDispatcher::NewInstance callback)
 Bench::~Bench()
 {
     dispatcher->Shutdown();
-    dispatcher->JoinThreads();
+    DispatcherProbe::join(*dispatcher);
 }
 
 std::shared_ptr<CInstance> Bench::addInstance(std::uint32_t remoteIndex, bool start)
@@ -220,6 +226,16 @@ std::shared_ptr<CInstance> Bench::addInstance(std::uint32_t remoteIndex, bool st
 bool Bench::poolBecomes(std::size_t size)
 {
     return eventually([&] { return DispatcherProbe::poolSize(*dispatcher) == size; });
+}
+
+EndsInTime::EndsInTime(std::function<void()> action) : done_(std::async(std::launch::async, std::move(action))) {}
+
+EndsInTime::~EndsInTime()
+{
+    if (done_.wait_for(std::chrono::seconds(20)) == std::future_status::ready)
+        return;
+    ADD_FAILURE() << "does not end";
+    std::_Exit(EXIT_FAILURE);
 }
 
 IMsgSrc::MsgHandler echo(std::size_t length)

@@ -52,6 +52,11 @@ struct DispatcherProbe {
         dispatcher->Start();
         return dispatcher;
     }
+    /// Waits for both threads, after `Shutdown`.
+    static void join(zuIPCPipe::CDispatcher& d) { d.EndThreads(); }
+    /// The functions of the manager that it was given.
+    static const zuIPCPipe::CDispatcher::Callback& keep(zuIPCPipe::CDispatcher& d) { return d.keep; }
+    static const zuIPCPipe::CDispatcher::Callback& forget(zuIPCPipe::CDispatcher& d) { return d.forget; }
     static std::shared_mutex& tableLock(zuIPCPipe::CDispatcher& d) { return d.instanceLock; }
     static bool running(const zuIPCPipe::CDispatcher& d) { return d.running != 0; }
     static bool stopped(const zuIPCPipe::CDispatcher& d) { return d.stopped; }
@@ -72,7 +77,11 @@ struct DispatcherProbe {
 };
 
 struct MgrProbe {
-    static std::size_t pending(zuIPCPipe::CMgr& m) { return m.pending->Size(); }
+    static std::size_t pending(zuIPCPipe::CMgr& m)
+    {
+        const std::lock_guard<std::mutex> lock(m.pendingLock);
+        return m.pending.size();
+    }
     static std::size_t dispatcherSlots(zuIPCPipe::CMgr& m)
     {
         const boost::shared_lock<boost::shared_mutex> lock(m.dispatcherLock);
@@ -139,6 +148,7 @@ public:
     using Prepare = std::function<void(const std::shared_ptr<zuIPCPipe::IMsgSrc>&)>;
 
     explicit Server(Prepare prepare = {});
+    /// Waits for the last thread that may be in `prepare`. A test must hold no dispatcher any more.
     ~Server();
 
     zuIPCPipe::CMgrServer& manager() { return *manager_; }
@@ -153,10 +163,6 @@ public:
     void dropInstances(); ///< gives up the shares held here
 
 private:
-    void onConnect(std::shared_ptr<zuIPCPipe::IMsgSrc> source);
-
-    OwnNames names_;
-    Prepare prepare_;
     struct State {
         std::mutex mutex;
         std::condition_variable changed;
@@ -164,7 +170,12 @@ private:
         std::size_t made = 0;
         std::size_t disconnects = 0;
     };
+    static void onConnect(const std::shared_ptr<State>& state, const Prepare& prepare,
+                          std::shared_ptr<zuIPCPipe::IMsgSrc> source);
+
+    OwnNames names_;
     std::shared_ptr<State> state_ = std::make_shared<State>();
+    std::future<void> left_; ///< ready when no dispatcher has the callback any more
     std::shared_ptr<zuIPCPipe::CMgrServer> manager_;
 };
 
@@ -184,6 +195,16 @@ struct Bench {
     RawSocket ack;                 ///< where it sends acknowledges
     std::atomic<int> forgotten{0}; ///< calls of the manager's function, each for this dispatcher
     std::shared_ptr<zuIPCPipe::CDispatcher> dispatcher;
+};
+
+/// Runs `action` on a thread of its own. The end of this object waits for it, and after 20 seconds ends the process.
+class EndsInTime {
+public:
+    explicit EndsInTime(std::function<void()> action);
+    ~EndsInTime();
+
+private:
+    std::future<void> done_;
 };
 
 /// A handler that answers with the first `length` bytes of what came.

@@ -23,7 +23,7 @@ struct ServerBench : Received, Bench {
     ~ServerBench()
     {
         dispatcher->Shutdown();
-        dispatcher->JoinThreads();
+        DispatcherProbe::join(*dispatcher);
     }
     void take(std::shared_ptr<zuIPCPipe::IMsgSrc> source)
     {

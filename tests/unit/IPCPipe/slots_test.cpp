@@ -117,11 +117,11 @@ TEST(Slots, RefuseAnIndexAtOrPastTheEndWithTheWordsOfEachOperation)
         EXPECT_EQ(thrown([&] { d.WriteCmd(out, index); }), "IPCException: Invalid instance vector id");
         EXPECT_EQ(thrown([&] { d.WriteAck(out, index); }), "IPCException: Invalid instance index");
         EXPECT_EQ(thrown([&] { d.ConnectAbort(index, [] {}); }), "IPCException: Invalid instance index");
-        EXPECT_EQ(thrown([&] { d.AbortInstance(index); }), "IPCException: Invalid instance index");
+        EXPECT_EQ(thrown([&] { d.AbortInstance(index, info); }), "IPCException: Invalid instance index");
         EXPECT_EQ(thrown([&] { d.ReadCmd(in, index); }), "IPCException: Instance vector invalid index id");
         EXPECT_EQ(thrown([&] { d.ReadAck(in, 0, index); }), "IPCException: Invalid ReadAck id");
     }
-    EXPECT_EQ(thrown([&] { d.AbortInstance(CDispatcher::kNoIndex); }), "IPCException: Invalid instance index");
+    EXPECT_EQ(thrown([&] { d.AbortInstance(CDispatcher::kNoIndex, info); }), "IPCException: Invalid instance index");
     expectLines(logs, "Invalid Index;", zuLogging::log_warn, "IPCDIS", 3);
     EXPECT_FALSE(bench.cmd.receive(0));
     EXPECT_FALSE(bench.ack.receive(0));
@@ -330,7 +330,7 @@ TEST(ReadAck, ReturnsFalseWhenTheInstanceIsAborted)
         return bench.dispatcher->ReadAck(in, 60000, 0);
     });
     while (result.wait_for(1ms) != std::future_status::ready)
-        bench.dispatcher->AbortInstance(0);
+        bench.dispatcher->AbortInstance(0, info);
     EXPECT_FALSE(result.get());
     EXPECT_LT(Clock::now() - start, 30s);
 }
