@@ -114,7 +114,11 @@ TEST(ClientManager, FailsWithoutAnAnswerToItsRequest)
     zuPlatform::SocketAddress address;
     MgrProbe::socket(*client)->getLocalAddress(address);
     nobody.send(late, address.port);
-    EXPECT_EQ(thrown([&] { client->GetDispatcher(dispatcher, 0); }), "IPCException: Socket recv failed");
+    const auto again = [&] {
+        EXPECT_EQ(thrown([&] { client->GetDispatcher(dispatcher, 0); }), "IPCException: Socket recv failed");
+    };
+    again();
+    EXPECT_LT(quickest(500ms, again), 500ms);
 }
 
 TEST(ClientDispatcher, EndsBothSidesByTerminate)

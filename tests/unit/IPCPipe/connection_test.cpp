@@ -31,6 +31,34 @@ TEST(Connection, CarriesACommandAndItsReply)
     EXPECT_EQ(ask(*source, "again"), "again");
 }
 
+TEST(Connection, ExtendsTheWaitOfItsOwnClientAlone)
+{
+    std::promise<void> go;
+    std::promise<void> waiting;
+    Server server([&, gone = go.get_future().share()](const std::shared_ptr<IMsgSrc>& source) {
+        source->SetMsgHandler(
+            [&, gone](void* data, std::size_t, std::size_t& length, boost::function<void(unsigned)> extend) {
+                length = 1;
+                if (*static_cast<char*>(data) == 'e')
+                    extend(1);
+                else
+                    waiting.set_value();
+                gone.wait();
+            });
+    });
+    const std::shared_ptr<CMgr> client = MakeClientManager();
+    const auto patient = Connect(*client, 20000);
+    const auto extended = Connect(*client, 20000);
+    auto answer = std::async(std::launch::async, [&] { return ask(*patient, "p", 60000); });
+    waiting.get_future().wait();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(thrown([&] { ask(*extended, "e", 60000); }), "IPCTimeoutException: Wait for Ack failed");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+    EXPECT_EQ(answer.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    go.set_value();
+    EXPECT_EQ(answer.get(), "p");
+}
+
 TEST(Connection, EndsAtBothSidesWhenTheClientDisconnects)
 {
     Server server;

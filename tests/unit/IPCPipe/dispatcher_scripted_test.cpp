@@ -2,8 +2,10 @@
 #include "tests/unit/IPCPipe/pipe_support.h"
 
 #include "tests/support/fake_socket.h"
+#include "tests/support/fake_thread.h"
 #include "tests/support/log_lines.h"
 
+#include <algorithm>
 #include <cerrno>
 
 namespace zuTest {
@@ -19,7 +21,11 @@ constexpr const char* toCommands = "0 sendTo 127.0.0.1:7001"; // from the acknow
 constexpr const char* toAcknowledges = "0 sendTo 127.0.0.1:7002";
 
 struct DispatcherRefused : testing::Test {
-    DispatcherRefused() { FakeSockets::reset(); }
+    DispatcherRefused()
+    {
+        FakeSockets::reset();
+        FakeThreads::reset();
+    }
     ~DispatcherRefused() override
     {
         if (dispatcher) {
@@ -84,6 +90,7 @@ TEST_F(DispatcherRefused, LogsASocketThatCannotBeMadeAndGoesOn)
     expectLines(logs, "Unable to set socket to non blocking", zuLogging::log_warn, "IPCDIS");
     dispatcher->WriteAck(out, CDispatcher::kNoIndex);
     EXPECT_EQ(FakeSockets::countCalls(toAcknowledges), 1u);
+    EXPECT_TRUE(eventually([&] { return FakeThreads::countSleeps(250) != 0; })) << "its thread does not spin";
 }
 
 TEST_F(DispatcherRefused, FailsAtTheBindOfAFirstSocketThatCouldNotBeMade)
@@ -114,12 +121,15 @@ TEST_F(DispatcherRefused, TriesADatagramSevenTimesOverTwelveMilliseconds)
     EXPECT_EQ(FakeSockets::countCalls(toCommands), 7u);
     expectLines(logs, words, zuLogging::log_warn, "IPCDIS", 7);
 
+    EXPECT_EQ(FakeThreads::countSleeps(2), 6u) << "and none behind the last try";
+
     FakeSockets::fail(Call::sendTo, zuPlatform::wouldBlockError, 7);
     start = Clock::now();
     EXPECT_EQ(thrown([&] { dispatcher->WriteAck(out, CDispatcher::kNoIndex); }),
               "IPCSocketException: Socket sendto failed");
     EXPECT_GE(Clock::now() - start, 12ms);
     EXPECT_EQ(FakeSockets::countCalls(toAcknowledges), 7u);
+    EXPECT_EQ(FakeThreads::countSleeps(2), 12u);
     expectLines(logs, words, zuLogging::log_warn, "IPCDIS", 14);
     EXPECT_TRUE(FakeSockets::sent().empty());
 }
@@ -131,6 +141,7 @@ TEST_F(DispatcherRefused, SendsADatagramAtTheSeventhTry)
     EXPECT_EQ(thrown([&] { dispatcher->WriteCmd(out, CDispatcher::kNoIndex); }), "");
     EXPECT_EQ(FakeSockets::countCalls(toCommands), 7u);
     EXPECT_EQ(FakeSockets::sent().size(), 1u);
+    EXPECT_EQ(FakeThreads::countSleeps(2), 6u);
     expectLines(logs, "sendto returned error " + std::to_string(zuPlatform::wouldBlockError), zuLogging::log_warn,
                 "IPCDIS", 6);
 }
@@ -149,6 +160,59 @@ TEST_F(DispatcherRefused, DoesNotTryAgainAfterAnyOtherError)
     EXPECT_EQ(thrown([&] { dispatcher->WriteCmd(out, CDispatcher::kNoIndex); }),
               "IPCSocketException: Socket sendto failed");
     EXPECT_EQ(FakeSockets::countCalls(toCommands), 2u);
+}
+
+TEST_F(DispatcherRefused, AsksForTimeCriticalReceiversAndGoesOnWithout)
+{
+    const std::vector<zuPlatform::ThreadPriority> critical{zuPlatform::ThreadPriority::timeCritical};
+    for (const bool granted : {true, false}) {
+        FakeThreads::reset();
+        FakeThreads::setGranted(granted);
+        make();
+        ASSERT_TRUE(eventually([] { return FakeThreads::named().size() == 2; }));
+        auto threads = FakeThreads::named();
+        std::sort(threads.begin(), threads.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
+        EXPECT_EQ(threads[0].name, "zu-ack");
+        EXPECT_EQ(threads[0].priorities, critical);
+        EXPECT_EQ(threads[1].name, "zu-cmd");
+        EXPECT_EQ(threads[1].priorities, critical);
+        const std::size_t cmdSocket = FakeSockets::opened() - 1;
+        FakeSockets::pushDatagram(message(kMsgDispatcher, 0), {}, cmdSocket);
+        EXPECT_TRUE(FakeSockets::waitForSent(granted ? 1 : 2));
+        std::shared_ptr<CDispatcher::InstanceInfo> info;
+        const auto instance = CInstance::Make(dispatcher, dispatcher->AddInstance(info));
+        instance->Start();
+        ASSERT_TRUE(eventually([] { return FakeThreads::named().size() == 3; }));
+        EXPECT_EQ(FakeThreads::named()[2].name, "zu-inst");
+        EXPECT_TRUE(FakeThreads::named()[2].priorities.empty());
+        instance->Abort();
+        dispatcher->Shutdown();
+        DispatcherProbe::join(*dispatcher);
+    }
+}
+
+TEST_F(DispatcherRefused, LooksFourTimesASecondWhetherItStillRuns)
+{
+    make();
+    EXPECT_TRUE(FakeSockets::waitForCall("0 receive 250", 2));
+    EXPECT_TRUE(FakeSockets::waitForCall("1 receive 250", 2));
+    for (const std::string& call : FakeSockets::calls())
+        EXPECT_TRUE(call.find("receive") == std::string::npos || call.find("receive 250") == 2) << call;
+}
+
+TEST_F(DispatcherRefused, LeavesItsSpinForABufferWhenItIsShutDown)
+{
+    make();
+    ASSERT_TRUE(eventually([&] { return DispatcherProbe::poolSize(*dispatcher) == 0; }));
+    std::shared_ptr<CDispatcher::InstanceInfo> info;
+    const std::uint64_t index = dispatcher->AddInstance(info);
+    dispatcher->ReleaseInstance(index);
+    FakeSockets::pushDatagram(message(0, 0), {}, 1); // keeps the command thread's buffer
+    ASSERT_TRUE(eventually([] { return FakeThreads::yields() > 100; }));
+    const EndsInTime end([&] {
+        dispatcher->Shutdown();
+        DispatcherProbe::join(*dispatcher);
+    });
 }
 
 TEST_F(DispatcherRefused, TellsAFailedWaitFromAFailedReceive)

@@ -289,19 +289,6 @@ TEST(Dispatcher, WaitsWithoutABufferUntilOneIsReturned)
     EXPECT_EQ(number(bench.ack.receive().value(), 8, 4), 60u);
 }
 
-TEST(Dispatcher, LeavesItsSpinForABufferWhenItIsShutDown)
-{
-    ServerBench bench;
-    ASSERT_TRUE(bench.poolBecomes(0));
-    bench.connect(40);
-    while (DispatcherProbe::takeFromPool(*bench.dispatcher)) {
-    }
-    bench.command(message(kMsgControl | kMsgPing, 0));
-    bench.dispatcher->Shutdown();
-    DispatcherProbe::join(*bench.dispatcher);
-    EXPECT_FALSE(DispatcherProbe::running(*bench.dispatcher));
-}
-
 TEST(Dispatcher, ShutsDownRepeatedlyAndFiresNothingTheSecondTime)
 {
     ServerBench bench;

@@ -134,6 +134,29 @@ TEST(Dispatcher, EndsItsCommandThreadWhenTheNewInstanceCallbackIsInterrupted)
     expectLines(logs, "Dispatcher CmdThread cought boost::interrupted", zuLogging::log_warn, "IPCDIS");
 }
 
+TEST(Dispatcher, IsNotMadeWithoutItsThreads)
+{
+    const NoMoreThreads none;
+    EXPECT_THROW(CDispatcher::Make({}, {}, 1), boost::thread_resource_error);
+}
+
+TEST(Dispatcher, EndsItsCommandThreadWhenAnInstanceGetsNone)
+{
+    LogRecorder logs;
+    ServerBench bench;
+    {
+        const NoMoreThreads none;
+        bench.command(message(kMsgDispatcher | kMsgConnect, 0));
+        EXPECT_TRUE(logs.waitFor("Dispatcher CmdThread Terminated"));
+    }
+    const auto texts = logs.texts("IPCDIS");
+    ASSERT_EQ(texts.size(), 3u);
+    EXPECT_EQ(texts[1].rfind("Dispatcher CmdThread cought std::exception", 0), 0u) << texts[1];
+    EXPECT_FALSE(bench.ack.receive(0));
+    const std::lock_guard<std::mutex> lock(bench.mutex);
+    EXPECT_TRUE(bench.instances.empty()) << "the callback is not called";
+}
+
 TEST(Dispatcher, SwallowsAConnectReplyThatCannotBeSentAndLogsTheOthers)
 {
     LogRecorder logs;

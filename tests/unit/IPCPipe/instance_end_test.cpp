@@ -48,7 +48,10 @@ TEST(InstanceDisconnect, GoesOnWithoutAnAnswerAfterHalfASecond)
     const auto start = Clock::now();
     instance->Disconnect();
     EXPECT_GE(Clock::now() - start, 500ms);
+    expectLines(logs, "Wait for Ack failed", zuLogging::log_err, "IPCINST");
     expectLines(logs, "SendFlags failed: Wait for Ack failed", zuLogging::log_warn, "IPCINST");
+    const auto again = [&] { bench.addInstance(7)->Disconnect(); };
+    EXPECT_LT(quickest(800ms, again), 800ms);
 }
 
 TEST(InstanceDisconnect, ReleasesAgainWhenCalledTwiceAndHitsAYoungerInstance)
@@ -202,11 +205,15 @@ TEST(InstanceAbort, EndsASendThatWaits)
 {
     Bench bench;
     const auto instance = bench.addInstance(7);
+    const auto info = DispatcherProbe::slot(*bench.dispatcher, 0);
     const auto start = Clock::now();
     PendingSend send(*instance, {1}, 1, 60000);
     ASSERT_TRUE(bench.cmd.receive());
+    // A mark without a message, which only a sender that waits for one takes back.
+    info->ackPending = true;
+    ASSERT_TRUE(eventually([&] { return !info->ackPending; }));
     bench.dispatcher->Shutdown();
-    EXPECT_NE(send.words.get(), "");
+    EXPECT_EQ(send.words.get(), "IPCTimeoutException: Wait for Ack failed");
     EXPECT_LT(Clock::now() - start, 50s);
 }
 

@@ -131,9 +131,13 @@ TEST(Announce, OfFewerThanFourBytesIsEchoedWithoutEffect)
     RawSocket client;
     Bytes buffer(16);
     setNumber(buffer, 0, 4, 10000);
-    client.send({0x10}, server.port());
-    EXPECT_EQ(client.receive().value(), buffer);
-    client.send({0x10, 0x27, 0}, server.port());
+    buffer[0] = 0x33;
+    client.send({0x33}, server.port());
+    EXPECT_EQ(client.receive().value(), buffer) << "what it does not reach is what stood there";
+    buffer[0] = 0x44;
+    buffer[1] = 0x55;
+    buffer[2] = 0x66;
+    client.send({0x44, 0x55, 0x66}, server.port());
     EXPECT_EQ(client.receive().value(), buffer);
     EXPECT_EQ(MgrProbe::pending(server.manager()), 0u);
 }
@@ -305,6 +309,29 @@ TEST(ServerManager, ShutsDownADispatcherWhoseProcessIsGone)
     EXPECT_TRUE(server.instance(1)->IsConnected());
     living.command(message(0, 0, 1));
     EXPECT_TRUE(living.ack.receive());
+}
+
+TEST(ServerManager, IsNotMadeWithoutItsThreads)
+{
+    const OwnNames names;
+    const NoMoreThreads none;
+    EXPECT_THROW(std::make_shared<CMgrServer>([](auto) {}), boost::thread_resource_error);
+}
+
+TEST(ServerManager, LosesItsServerThreadToADispatcherWithoutThreads)
+{
+    Server server;
+    RawSocket client;
+    client.send(Bytes(16, 1), server.port());
+    ASSERT_TRUE(client.receive());
+    {
+        const NoMoreThreads none;
+        client.send(Bytes(16), server.port());
+        EXPECT_FALSE(client.receive(500));
+    }
+    client.send(Bytes(16, 1), server.port());
+    EXPECT_FALSE(client.receive(500)) << "more than one of its passes";
+    EXPECT_EQ(MgrProbe::pending(server.manager()), 0u);
 }
 
 TEST(MgrFactory, MakesOneManagerAndIgnoresALaterCallback)

@@ -5,6 +5,7 @@
 #include "platform/shared_memory.h"
 #include "platform/thread.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 
@@ -236,6 +237,35 @@ EndsInTime::~EndsInTime()
         return;
     ADD_FAILURE() << "does not end";
     std::_Exit(EXIT_FAILURE);
+}
+
+std::chrono::steady_clock::duration quickest(std::chrono::steady_clock::duration limit,
+                                             const std::function<void()>& action, int rounds)
+{
+    using Clock = std::chrono::steady_clock;
+    Clock::duration shortest = Clock::duration::max();
+    for (int round = 0; round < rounds && shortest >= limit; ++round) {
+        const auto start = Clock::now();
+        action();
+        shortest = std::min(shortest, Clock::now() - start);
+    }
+    return shortest;
+}
+
+NoMoreThreads::NoMoreThreads()
+{
+    pthread_attr_t without;
+    EXPECT_EQ(pthread_getattr_default_np(&before_), 0);
+    EXPECT_EQ(pthread_attr_init(&without), 0);
+    EXPECT_EQ(pthread_attr_setstacksize(&without, std::size_t{1} << 60), 0);
+    EXPECT_EQ(pthread_setattr_default_np(&without), 0);
+    pthread_attr_destroy(&without);
+}
+
+NoMoreThreads::~NoMoreThreads()
+{
+    EXPECT_EQ(pthread_setattr_default_np(&before_), 0);
+    pthread_attr_destroy(&before_);
 }
 
 IMsgSrc::MsgHandler echo(std::size_t length)

@@ -207,6 +207,23 @@ private:
     std::future<void> done_;
 };
 
+/// How long the quickest of up to `rounds` rounds of `action` took; the first one under `limit` is the last. A busy
+/// machine draws a wait out, but not each time.
+std::chrono::steady_clock::duration quickest(std::chrono::steady_clock::duration limit,
+                                             const std::function<void()>& action, int rounds = 20);
+
+/// While one lives no thread of this process can be started: its stack would not fit the address space.
+class NoMoreThreads {
+public:
+    NoMoreThreads();
+    ~NoMoreThreads();
+    NoMoreThreads(const NoMoreThreads&) = delete;
+    NoMoreThreads& operator=(const NoMoreThreads&) = delete;
+
+private:
+    pthread_attr_t before_;
+};
+
 /// A handler that answers with the first `length` bytes of what came.
 zuIPCPipe::IMsgSrc::MsgHandler echo(std::size_t length);
 
