@@ -1,5 +1,5 @@
 // Compiles the public headers alone and first.
-#include "client/GevClient.h"
+#include "client/GevDiscovery.h"
 
 #if defined(BOOST_VERSION) || defined(BOOST_CONFIG_HPP)
 #error The public header pulls in Boost
