@@ -74,11 +74,6 @@ public:
 
     virtual std::string CommandName(std::uint16_t command);
 
-    /// The link's user has gone for good, and nobody is to wait for its commands: from now on a command makes at most
-    /// `defaultRetries` attempts, no wait is longer than `defaultAckTimeout`, and PENDING_ACK counts as a failed
-    /// attempt. A command in flight ends by the same rules. Any thread; does not block.
-    void Abandon();
-
     /// Called at each sign of life of the device, to put off the heartbeat by `delayMs`. Does nothing here.
     virtual void RestartHeartbeatWait(std::uint64_t delayMs);
 
@@ -99,11 +94,7 @@ protected:
         std::atomic<T> value_;
     };
 
-    /// Attempts of one command, and milliseconds to wait for the first answer to an attempt.
-    static constexpr std::uint32_t defaultRetries = 3;
-    static constexpr std::uint32_t defaultAckTimeout = 300;
-
-    Relaxed<std::uint32_t> retries{defaultRetries};
+    Relaxed<std::uint32_t> retries{3};        ///< attempts of one command
     std::unique_ptr<std::uint8_t[]> txBuffer; ///< the command under construction
     std::unique_ptr<std::uint8_t[]> rxBuffer; ///< the last datagram received
     std::int32_t rxCount = 0;                 ///< its bytes; -1 after a receive that failed
@@ -113,14 +104,13 @@ protected:
     boost::recursive_mutex commandMutex;
     zuLogging::logstate log;
     zuLogging::group_id gevErrorFlag;
-    Relaxed<std::uint32_t> ackTimeout{defaultAckTimeout};
+    Relaxed<std::uint32_t> ackTimeout{300}; ///< milliseconds to wait for the first answer to an attempt
     Relaxed<bool> byteSwap{true};
     Relaxed<bool> hasCcp{false};     ///< the program believes that it holds control
     std::uint32_t deviceAddress = 0; ///< printed in failure logs; not known here
 
 private:
     std::shared_ptr<TConnection> RequireConnection();
-    std::uint32_t Attempts() const;
     void AdvanceRequestId();
     std::int32_t SendCommand(std::size_t size);
     std::int32_t ReceiveInto(std::uint32_t timeoutMs, std::uint32_t* ip, std::uint16_t* port, std::int32_t& count);
@@ -130,7 +120,6 @@ private:
     void WriteMemBlocks(std::uint64_t address, std::uint32_t size, const std::uint8_t* source, std::uint32_t& tries,
                         std::int32_t& result, const PendingAckCallback& callback);
 
-    Relaxed<bool> abandoned{false};
     std::mutex connectionMutex; ///< guards `connection` alone; nothing is called while it is held
     std::shared_ptr<TConnection> connection;
 };

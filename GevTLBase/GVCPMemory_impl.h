@@ -48,7 +48,7 @@ void CGVCP<TConnection>::ReadMem(std::uint64_t address, std::uint64_t size, void
     std::int32_t lastResult = resultCode::success;
     unsigned emptyAnswers = 0;
 
-    while (offset < size && tries < Attempts()) {
+    while (offset < size && tries < retries) {
         AdvanceRequestId();
         const std::uint64_t left = size - offset;
         const auto block = static_cast<std::uint32_t>(left > maxMemBlock ? maxMemBlock : (left + 3) / 4 * 4);
@@ -56,7 +56,7 @@ void CGVCP<TConnection>::ReadMem(std::uint64_t address, std::uint64_t size, void
         BuildCmdHeader(txBuffer.get(), gvcpWire::readMemSize, gvcpCode::readMemCmd, requestId);
         putBig32(txBuffer.get(), gvcpWire::addressAt, gvcpDetail::low32(address + offset));
         putBig16(txBuffer.get(), gvcpWire::readCountAt, static_cast<std::uint16_t>(block));
-        while (tries < Attempts()) {
+        while (tries < retries) {
             try {
                 lastResult = SendCommand(gvcpWire::readMemSize);
                 if (lastResult != resultCode::success)
@@ -79,7 +79,7 @@ void CGVCP<TConnection>::ReadMem(std::uint64_t address, std::uint64_t size, void
             }
         }
     }
-    if (tries >= Attempts())
+    if (tries >= retries)
         throw GevException(lastResult, "ReadReg returned error");
     RestartHeartbeatWait(0);
     ZU_LOG(log, zuLogging::log_info, "Successful ReadMem from addr " << address << " : num bytes " << size);
@@ -109,7 +109,7 @@ void CGVCP<TConnection>::WriteMem(std::uint64_t address, std::uint32_t size, con
                      "WriteMem returned error " << gvcpDetail::firstWord(source, size) << " @ " << address);
         throw GevException(result, "Error executing WriteMem");
     }
-    if (tries < Attempts())
+    if (tries < retries)
         RestartHeartbeatWait(0);
     ZU_LOG_GROUP(log, zuLogging::log_info, gevErrorFlag,
                  "Successful WriteMem to addr " << address << " : num bytes  " << size);
@@ -121,14 +121,14 @@ void CGVCP<TConnection>::WriteMemBlocks(std::uint64_t address, std::uint32_t siz
                                         std::uint32_t& tries, std::int32_t& result, const PendingAckCallback& callback)
 {
     std::uint32_t written = 0;
-    while (written < size && tries < Attempts()) {
+    while (written < size && tries < retries) {
         const std::uint32_t block = std::min<std::uint32_t>(size - written, maxMemBlock);
         const std::size_t datagramSize = gvcpWire::writeMemDataAt + block;
         AdvanceRequestId();
         BuildCmdHeader(txBuffer.get(), datagramSize, gvcpCode::writeMemCmd, requestId);
         putBig32(txBuffer.get(), gvcpWire::addressAt, gvcpDetail::low32(address + written));
         std::memcpy(txBuffer.get() + gvcpWire::writeMemDataAt, source + written, block);
-        while (tries < Attempts()) {
+        while (tries < retries) {
             try {
                 result = SendCommand(datagramSize);
                 if (result != resultCode::success)

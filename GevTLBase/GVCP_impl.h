@@ -85,21 +85,6 @@ void CGVCP<TConnection>::SetByteSwap(bool value)
 }
 
 template <typename TConnection>
-void CGVCP<TConnection>::Abandon()
-{
-    abandoned = true;
-    if (const std::shared_ptr<TConnection> current = GetConnection())
-        current->LimitWaits(defaultAckTimeout);
-}
-
-template <typename TConnection>
-std::uint32_t CGVCP<TConnection>::Attempts() const
-{
-    const std::uint32_t attempts = retries;
-    return abandoned ? std::min(attempts, defaultRetries) : attempts;
-}
-
-template <typename TConnection>
 void CGVCP<TConnection>::RestartHeartbeatWait(std::uint64_t)
 {
 }
@@ -178,8 +163,6 @@ void CGVCP<TConnection>::ReceiveAck(void*, std::uint32_t, std::uint32_t, std::ui
             throw GevException("Pending Ack with invalid Length field");
         if ((getBig16(ack, gvcpWire::statusAt) & gvcpWire::errorStatusBit) != 0)
             throw GevException("Pending Ack returned error status");
-        if (abandoned)
-            throw GevException(resultCode::noAcknowledge, "Pending Ack after the end of the client");
         const std::uint16_t timeToCompletion = getBig16(ack, gvcpWire::pendingTimeAt);
         if (callback)
             callback(timeToCompletion);
@@ -233,7 +216,7 @@ void CGVCP<TConnection>::WriteReg(std::uint64_t address, std::uint32_t value, bo
     std::memcpy(txBuffer.get() + gvcpWire::regValueAt, &wireValue, sizeof wireValue);
 
     std::int32_t lastError = resultCode::timeout;
-    for (std::uint32_t attempt = 0; attempt < Attempts(); ++attempt) {
+    for (std::uint32_t attempt = 0; attempt < retries; ++attempt) {
         try {
             if (attempt != 0)
                 ZU_LOG(log, zuLogging::log_warn, "WriteReg resend");
@@ -271,7 +254,7 @@ void CGVCP<TConnection>::ReadReg(std::uint64_t address, std::uint32_t& value, bo
     putBig32(txBuffer.get(), gvcpWire::addressAt, gvcpDetail::low32(address));
 
     std::int32_t lastError = resultCode::timeout;
-    for (std::uint32_t attempt = 0; attempt < Attempts(); ++attempt) {
+    for (std::uint32_t attempt = 0; attempt < retries; ++attempt) {
         try {
             if (attempt != 0)
                 ZU_LOG(log, zuLogging::log_warn, "ReadReg resend");

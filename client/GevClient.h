@@ -90,7 +90,7 @@ class ConnectionImpl;
 class ZU_GEV_CLIENT_API Connection {
 public:
     /// Connects to the daemon. Throws NoDaemonError, within two seconds if there is none; one that is busy with the end
-    /// of another client is waited for some seconds. Any number of connections may be open.
+    /// of another client is waited for, up to a minute. Any number of connections may be open.
     Connection();
     /// Gives the camera back and leaves the daemon: up to about a second. Does not throw.
     ~Connection();

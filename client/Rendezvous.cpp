@@ -22,8 +22,9 @@ namespace {
 
 constexpr std::uint32_t connectTimeoutMs = 3000;
 constexpr Milliseconds liveWait{1500};
-/// The daemon's manager answers nobody while it gives back the cameras of a client that died.
-constexpr Milliseconds busyWait{6000};
+/// The daemon's manager answers nobody while it gives back the cameras of a client that died: docs/operations.md has
+/// how long that can take.
+constexpr Milliseconds busyWait{60000};
 constexpr std::uint32_t echoStepMs = 250;
 /// An announce is not repeated by the pipe, and a loaded machine may need more than its 300 ms.
 constexpr int announceAttempts = 3;
@@ -100,7 +101,15 @@ bool isTaken(std::uint16_t port)
 
 bool daemonLives(std::uint16_t port)
 {
-    return daemonAnswers(port, liveWait) || (isTaken(port) && daemonAnswers(port, busyWait));
+    const std::uint64_t deadline =
+        zuPlatform::steadyNanoseconds() + static_cast<std::uint64_t>(busyWait.count()) * 1000000;
+    // In steps, so that the end of a daemon that was busy is seen.
+    for (;;) {
+        if (daemonAnswers(port, liveWait))
+            return true;
+        if (!isTaken(port) || zuPlatform::steadyNanoseconds() >= deadline)
+            return false;
+    }
 }
 
 Attachment attach()

@@ -35,7 +35,8 @@ void detach(Attachment& attachment) noexcept;
 /// The port that a daemon has published, dead or alive; 0 if there is none. Network byte order.
 std::uint16_t publishedPort();
 
-/// Whether there is a daemon at this port (network byte order), be it busy for some seconds.
+/// Whether there is a daemon at this port (network byte order). One that lives and doesn't answer is waited for, up to
+/// a minute.
 bool daemonLives(std::uint16_t port);
 
 /// Whether a daemon's manager answers at this port (network byte order) within `wait`. It leaves no trace there.

@@ -45,7 +45,6 @@ public:
         return 0;
     }
 
-    void LimitWaits(std::uint32_t) {}
     std::int32_t Receive(void* buffer, std::uint32_t size, std::uint32_t, std::uint32_t*, std::uint16_t*,
                          std::int32_t& count)
     {

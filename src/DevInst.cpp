@@ -83,8 +83,10 @@ bool CDevInst::TryRetire() { return gate->TryClose(); }
 
 void CDevInst::OnClientDisconnect()
 {
-    clientGone = true;
-    control->Abandon(); // other clients wait while this runs
+    {
+        const boost::lock_guard<boost::mutex> lock(clientMutex);
+        clientGone = true;
+    }
     LinkShutdown();
     onClientGone(this);
 }
@@ -107,6 +109,12 @@ std::shared_ptr<IMsgSrc> CDevInst::Client()
 {
     const boost::lock_guard<boost::mutex> lock(clientMutex);
     return client;
+}
+
+bool CDevInst::IsClientGone()
+{
+    const boost::lock_guard<boost::mutex> lock(clientMutex);
+    return clientGone;
 }
 
 void CDevInst::OnPendingAck(unsigned milliseconds, std::uint64_t messageId)

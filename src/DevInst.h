@@ -8,7 +8,6 @@
 #include "logging/logstate.h"
 #include "src/SockControl.h"
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -53,7 +52,8 @@ public:
     /// Makes the client wait for the device's `milliseconds` and half a second more.
     virtual void OnPendingAck(unsigned milliseconds, std::uint64_t messageId);
 
-    /// The pipe's disconnect handler; any thread.
+    /// The pipe's disconnect handler; any thread. Blocks until the command in flight has ended by its own rules, the
+    /// heartbeat thread too, and the camera is given back.
     virtual void OnClientDisconnect();
 
     /// Each tells the client and waits up to one second for its consent; the heartbeat thread calls them. Throw
@@ -85,7 +85,8 @@ private:
     void WriteMemory(Control& control, Access& access);
     void ReadTail(Control& control, Access& access);
     boost::function<void(std::uint32_t)> PendingAckFor(Message& message);
-    void RequireClient() const;
+    bool IsClientGone();
+    void RequireClient();
     void Notify(std::uint32_t event);
     std::shared_ptr<zuIPCPipe::IMsgSrc> Client();
 
@@ -95,8 +96,10 @@ private:
     Callback onClientGone;
     Callback onDestroyed;
 
-    boost::mutex clientMutex;            ///< guards `client` alone: the destructor meets the heartbeat thread there
-    std::atomic<bool> clientGone{false}; ///< ends a long memory access between two chunks, and a link that came late
+    boost::mutex clientMutex; ///< guards `client`, where the destructor meets the heartbeat thread, and `clientGone`
+    /// Ends a long memory access between two steps, and a link that came late. Under the mutex, so that either the link
+    /// sees the end of the client, or that end sees the link.
+    bool clientGone = false;
     std::shared_ptr<CallGate> gate;
 };
 

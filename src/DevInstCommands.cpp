@@ -238,7 +238,7 @@ void CDevInst::DoLink(Message& message, Control& link)
         success = false;
     }
     // Nobody else gives the camera back if the client went before it was taken.
-    if (clientGone)
+    if (IsClientGone())
         LinkShutdown();
     std::uint8_t state = 0;
     try {
@@ -327,15 +327,16 @@ void CDevInst::DoWriteReg(Message& message, Control& link)
 }
 
 /// A client that is gone gets no answer any more: its remaining accesses would only keep the camera.
-void CDevInst::RequireClient() const
+void CDevInst::RequireClient()
 {
-    if (clientGone)
+    if (IsClientGone())
         throw std::runtime_error("client disconnected");
 }
 
 /// The word in which the last bytes lie; a length of less than a word is left.
 void CDevInst::ReadTail(Control& link, Access& access)
 {
+    RequireClient();
     std::uint8_t word[wordSize] = {};
     const std::uint64_t offset = access.Misalignment();
     access.address -= offset;

@@ -5,7 +5,6 @@
 #include "logging/log.h"
 #include "platform/thread.h"
 
-#include <algorithm>
 #include <memory>
 #include <system_error>
 #include <vector>
@@ -20,9 +19,6 @@ constexpr std::size_t flushBufferSize = 65536;
 /// The address that stands for no destination.
 constexpr std::uint32_t noAddress = 0xFFFFFFFF;
 constexpr std::uint32_t broadcastAddress = 0xFFFFFFFF;
-
-/// Longest wait in one system call.
-constexpr std::uint32_t waitStepMs = 500;
 
 /// How long a rebind waits for whoever receives on the old socket: as long as one does, the port is taken.
 constexpr unsigned oldSocketWaitMs = 200;
@@ -203,25 +199,6 @@ std::int32_t CSockConnection::GetLocalAddress(std::uint32_t& ip, std::uint16_t& 
     return resultCode::success;
 }
 
-std::uint32_t CSockConnection::Allowed(std::uint32_t timeoutMs) const
-{
-    return std::min(timeoutMs, waitLimit.load(std::memory_order_relaxed));
-}
-
-// In steps, so that a limit that is set meanwhile is seen.
-zuPlatform::ReceiveResult CSockConnection::Await(zuPlatform::DatagramSocket& on, void* buffer, std::uint32_t size,
-                                                 std::uint32_t timeoutMs, zuPlatform::SocketAddress& from) const
-{
-    for (std::uint32_t waited = 0;;) {
-        const std::uint32_t allowed = Allowed(timeoutMs);
-        const std::uint32_t step = std::min(allowed - std::min(allowed, waited), waitStepMs);
-        const zuPlatform::ReceiveResult result = on.receive(buffer, size, step, &from);
-        waited += step;
-        if (result.kind != zuPlatform::ReceiveResult::Kind::timeout || waited >= Allowed(timeoutMs))
-            return result;
-    }
-}
-
 std::int32_t CSockConnection::Receive(void* buffer, std::uint32_t size, std::uint32_t timeoutMs, std::uint32_t* ip,
                                       std::uint16_t* port, std::int32_t& count)
 {
@@ -230,7 +207,7 @@ std::int32_t CSockConnection::Receive(void* buffer, std::uint32_t size, std::uin
     zuPlatform::SocketAddress from;
     AwaitBind();
     const zuPlatform::SocketPtr current = CurrentSocket();
-    const zuPlatform::ReceiveResult got = current ? Await(*current, buffer, size, timeoutMs, from)
+    const zuPlatform::ReceiveResult got = current ? current->receive(buffer, size, timeoutMs, &from)
                                                   : zuPlatform::ReceiveResult{Kind::waitFailed, -1, noSocketError};
     switch (got.kind) {
     case Kind::timeout:

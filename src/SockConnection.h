@@ -30,9 +30,6 @@ public:
     /// `ip` and `port` may be null. `count` is 0 after a timeout and -1 after a failure.
     virtual std::int32_t Receive(void* buffer, std::uint32_t size, std::uint32_t timeoutMs, std::uint32_t* ip,
                                  std::uint16_t* port, std::int32_t& count);
-    /// From now on no `Receive` waits longer than `ms`; one that waits already is done within half a second if it has
-    /// waited so long.
-    void LimitWaits(std::uint32_t ms) { waitLimit.store(ms, std::memory_order_relaxed); }
     virtual std::int32_t SendBroadcast(const void* buffer, std::uint16_t port, std::uint32_t size, std::int32_t& count);
     /// -1001 if no destination was set, or the system refuses. A short send is a success.
     virtual std::int32_t Send(const void* buffer, std::uint32_t size, std::int32_t& count);
@@ -47,9 +44,6 @@ private:
     void AwaitBind();
     void EnableBroadcast();
     zuPlatform::SocketPtr CurrentSocket() const;
-    std::uint32_t Allowed(std::uint32_t timeoutMs) const;
-    zuPlatform::ReceiveResult Await(zuPlatform::DatagramSocket& on, void* buffer, std::uint32_t size,
-                                    std::uint32_t timeoutMs, zuPlatform::SocketAddress& from) const;
 
     /// Guards the next three, and is held while nothing else is called. Who uses the socket takes a share of it, so
     /// that `Bind` may replace it meanwhile.
@@ -63,7 +57,6 @@ private:
     std::atomic<bool> dontFragment{false};
     std::atomic<bool> broadcast{false};
     std::atomic<bool> reuseAddress{false};
-    std::atomic<std::uint32_t> waitLimit{~std::uint32_t{0}};
     zuLogging::logstate log;
     zuLogging::group_id bufferHandlingFlag;
     zuLogging::group_id ipConnectionFlag;

@@ -4,7 +4,6 @@
 
 #include "GevTLBase/GevHelper.h"
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -113,7 +112,6 @@ public:
         count = result == 0 ? static_cast<std::int32_t>(size) : 0;
         return result;
     }
-    void LimitWaits(std::uint32_t ms) { waitLimit = ms; }
     std::int32_t Receive(void* buffer, std::uint32_t size, std::uint32_t timeoutMs, std::uint32_t*, std::uint16_t*,
                          std::int32_t& count)
     {
@@ -191,7 +189,6 @@ public:
 
     std::pair<std::uint32_t, std::uint16_t> local;
     std::pair<std::uint32_t, std::uint16_t> destination;
-    std::atomic<std::uint32_t> waitLimit{0};
     std::int32_t bindResult = 0;
     std::int32_t destinationResult = 0;
 

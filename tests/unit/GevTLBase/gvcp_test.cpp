@@ -84,50 +84,6 @@ TEST_F(Gvcp, WithoutAConnectionACommandFailsByItsRetries)
     EXPECT_EQ(-1001, e.Code());
 }
 
-TEST_F(Gvcp, AbandonedItMakesNoMoreThanTheUsualAttempts)
-{
-    gvcp.hasCcp = true;
-    gvcp.retries = 1000000;
-    gvcp.Abandon();
-    EXPECT_EQ(300u, connection.waitLimit);
-    std::uint8_t bytes[4] = {};
-    failureOf([&] { readReg(0x10); });
-    EXPECT_THAT(connection.sent(), SizeIs(3));
-    failureOf([&] { gvcp.WriteReg(0x10, 5, true, None()); });
-    EXPECT_THAT(connection.sent(), SizeIs(6));
-    failureOf([&] { gvcp.ReadMem(0x10, 4, bytes, None()); });
-    EXPECT_THAT(connection.sent(), SizeIs(9));
-    gvcp.WriteMem(0x10, 4, bytes, None());
-    EXPECT_THAT(connection.sent(), SizeIs(12));
-    gvcp.retries = 2;
-    failureOf([&] { readReg(0x10); });
-    EXPECT_THAT(connection.sent(), SizeIs(14)) << "fewer stay as they are";
-    connection.push(readRegAck(6, 9));
-    EXPECT_EQ(9u, readReg(0x10)) << "and a camera that answers is heard";
-}
-
-TEST_F(Gvcp, AbandonedInFlightItWaitsForNoPendingAck)
-{
-    gvcp.retries = 1000000;
-    connection.respond([](FakeConnection& c, const Bytes& sent) {
-        for (int i = 0; i < 5; ++i)
-            c.push(pendingAck(big16(sent, 6), 60000));
-        return 0;
-    });
-    int calls = 0;
-    std::uint32_t value = 0;
-    const GevException e = failureOf([&] {
-        gvcp.ReadReg(0x10, value, true, [&](std::uint32_t) {
-            if (++calls == 2)
-                gvcp.Abandon();
-        });
-    });
-    EXPECT_STREQ("ReadReg returned error", e.what());
-    EXPECT_EQ(-1011, e.Code());
-    EXPECT_EQ(2, calls);
-    EXPECT_THAT(connection.sent(), SizeIs(3));
-}
-
 TEST_F(Gvcp, EachReceiveHasRoomFor576Bytes)
 {
     connection.push(readRegAck(1, 9));

@@ -291,26 +291,6 @@ TEST_F(Loopback, ARebindGetsThePortThatAReceiverStillHolds)
     EXPECT_FALSE(log.contains("Unable to bind")) << "in use by the thread that receives";
 }
 
-TEST_F(Loopback, ALimitEndsAWaitUnderWay)
-{
-    CSockConnection connection;
-    connection.Bind(localIp, 0);
-    std::atomic<bool> started{false};
-    std::int32_t result = 0;
-    std::int32_t count = 99;
-    std::thread receiver([&] {
-        std::uint8_t buffer[576];
-        started = true;
-        result = connection.Receive(buffer, sizeof buffer, 100u * 60 * 1000, nullptr, nullptr, count);
-    });
-    while (!started)
-        std::this_thread::yield();
-    connection.LimitWaits(1);
-    receiver.join();
-    EXPECT_EQ(-10012, result);
-    EXPECT_EQ(0, count);
-}
-
 // --- The whole link
 
 TEST_F(Loopback, ALinkOverRealSockets)

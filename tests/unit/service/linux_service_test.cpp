@@ -230,7 +230,7 @@ TEST(ServiceUnitText, HasRoomForAThousandClientsAndTimeForSilentCameras)
     const auto lines = linesOf(serviceUnitText(unitOf("/opt/zuGevSvc")));
     EXPECT_THAT(lines, testing::Contains("LimitNOFILE=16384"));
     EXPECT_THAT(lines, testing::Contains("TasksMax=16384"));
-    EXPECT_THAT(lines, testing::Contains("TimeoutStopSec=90"));
+    EXPECT_THAT(lines, testing::Contains("TimeoutStopSec=30min"));
     EXPECT_THAT(lines, testing::Contains("After=network.target network-online.target zuLogSvc.service"));
     EXPECT_THAT(lines, testing::Contains("Wants=zuLogSvc.service"));
     EXPECT_THAT(lines, testing::Contains("Restart=on-failure"));

@@ -22,6 +22,7 @@ struct DevInstProbe {
     {
         instance.control = std::move(control);
     }
+    static bool clientGone(zuGevDaemon::CDevInst& instance) { return instance.IsClientGone(); }
 };
 
 /// A camera link whose operations do what a test puts in, and else what they always do.

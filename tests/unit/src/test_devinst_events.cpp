@@ -1,27 +1,19 @@
 // Life of a device instance, and what it tells its client unasked.
-#include "scripted_client.h"
-#include "tests/support/recording_target.h"
-#include "tools/gevsim/camera.h"
+#include "devinst_support.h"
 
 #include "GevTLBase/GevException.h"
 #include "logging/logstate.h"
 
 #include <gtest/gtest.h>
 
-#include <sstream>
+#include <thread>
 
 using namespace zuTest;
 using gevsim::Command;
 using gevsim::Fault;
+using std::chrono::milliseconds;
 
 namespace {
-
-std::string digits(const void* pointer)
-{
-    std::ostringstream out;
-    out << std::hex << reinterpret_cast<std::uintptr_t>(pointer);
-    return out.str();
-}
 
 Bytes consent() { return Build(EvtCcpLost | replyFlag).u8(TagSuccess, 1).done(); }
 
@@ -51,7 +43,7 @@ TEST_F(DevInstEvents, ConstructionIsLogged)
 {
     const auto records = log.records();
     const std::string text =
-        "New DevInst created 0x" + digits(instance.get()) + " connected to IPC 0x" + digits(client.get());
+        "New DevInst created 0x" + hexDigits(instance.get()) + " connected to IPC 0x" + hexDigits(client.get());
     const auto found = std::find_if(records.begin(), records.end(), [&](const Record& r) { return r.text == text; });
     ASSERT_NE(found, records.end());
     EXPECT_EQ(found->level, zuLogging::log_info);
@@ -66,7 +58,8 @@ TEST_F(DevInstEvents, DestructionUnlinksAndTells)
     EXPECT_FALSE(camera.control().held());
     EXPECT_EQ(destroyed, std::vector{address});
     EXPECT_TRUE(gone.empty());
-    EXPECT_TRUE(log.contains("DevInst DTOR 0x" + digits(address) + " connected to IPC 0x" + digits(client.get())));
+    EXPECT_TRUE(
+        log.contains("DevInst DTOR 0x" + hexDigits(address) + " connected to IPC 0x" + hexDigits(client.get())));
     EXPECT_EQ(client.use_count(), 1);
 }
 
@@ -106,6 +99,94 @@ TEST_F(DevInstEvents, DisconnectGivesTheCameraBack)
     client->disconnectHandler();
     EXPECT_FALSE(camera.control().held());
     EXPECT_EQ(gone, std::vector{instance.get()});
+}
+
+namespace {
+
+/// A linked camera without a heartbeat, and what a disconnect then writes to it.
+struct DevInstGoodbye : DevInstEvents {
+    void linkWith(std::uint32_t ackTimeout, std::uint32_t retries)
+    {
+        link();
+        run(Build(CmdSetHeartbeat).u32(TagHeartbeatTimeout, 0));
+        run(Build(CmdSetAckTimeout).u32(TagAckTimeout, ackTimeout));
+        run(Build(CmdSetRetries).u32(TagRetries, retries));
+        camera.clearLog();
+    }
+    void expectFreedBy(std::size_t datagrams)
+    {
+        const auto writes = camera.commands(Command::writeReg, gevsim::reg::ccp);
+        EXPECT_EQ(writes.size(), datagrams);
+        for (const auto& datagram : writes) {
+            EXPECT_EQ(datagram.value(), 0u);
+            EXPECT_EQ(datagram.id(), writes[0].id()) << "the same command";
+        }
+        EXPECT_FALSE(camera.control().held());
+        EXPECT_EQ(gone, std::vector{instance.get()});
+    }
+};
+
+} // namespace
+
+TEST_F(DevInstGoodbye, MakesAllAttemptsOfItsLink)
+{
+    linkWith(30, 8);
+    camera.inject(Fault::drop(5).only(Command::writeReg));
+    client->disconnectHandler();
+    expectFreedBy(6);
+}
+
+TEST_F(DevInstGoodbye, WaitsAsLongAsTheCameraAsks)
+{
+    linkWith(300, 3);
+    camera.inject(Fault::pendingAck(milliseconds(900)).every(milliseconds(450)).only(Command::writeReg));
+    client->disconnectHandler();
+    expectFreedBy(1);
+}
+
+TEST_F(DevInstGoodbye, WaitsTheLinksAckTimeout)
+{
+    linkWith(2000, 3);
+    camera.inject(Fault::delay(milliseconds(700)).only(Command::writeReg));
+    client->disconnectHandler();
+    expectFreedBy(1);
+}
+
+TEST_F(DevInstGoodbye, ACommandInFlightEndsByItsOwnRules)
+{
+    linkWith(300, 4);
+    camera.inject(Fault::drop(2).only(Command::readReg));
+    camera.inject(Fault::pendingAck(milliseconds(2000)).every(milliseconds(800)).only(Command::readReg));
+    Bytes reply;
+    std::thread command([&] { reply = run(Build(CmdReadReg).u64(TagAddress, 0x0934)); });
+    ASSERT_TRUE(camera.waitFor([&] { return !camera.commands(Command::readReg, 0x0934).empty(); }));
+    client->disconnectHandler();
+    command.join();
+    EXPECT_EQ(camera.commands(Command::readReg, 0x0934).size(), 3u);
+    Bytes success(reply);
+    Message answer(success.data(), success.size(), success.size());
+    std::uint8_t succeeded = 0;
+    EXPECT_TRUE(answer.GetScalar(TagSuccess, succeeded));
+    EXPECT_EQ(succeeded, 1);
+    expectFreedBy(1);
+}
+
+TEST_F(DevInstGoodbye, NoFurtherStepOfAMemoryAccessBegins)
+{
+    linkWith(2000, 3);
+    camera.inject(Fault::hold(1).only(Command::readMem));
+    constexpr std::uint64_t length = 0x240 + 2; // a step of two commands, and the tail
+    std::thread command([&] { run(Build(CmdReadMem).u64(TagAddress, gevsim::region::memory).u64(TagLength, length)); });
+    ASSERT_TRUE(camera.waitFor([&] { return camera.heldAnswers() == 1; }));
+    std::thread end([&] { client->disconnectHandler(); });
+    while (!DevInstProbe::clientGone(*instance))
+        std::this_thread::yield();
+    camera.release();
+    end.join();
+    command.join();
+    EXPECT_EQ(camera.received(Command::readMem), 2u) << "the step under way, and not the tail";
+    EXPECT_TRUE(log.contains("caused std::exception: client disconnected"));
+    expectFreedBy(1);
 }
 
 TEST_F(DevInstEvents, EventsAsBytes)
