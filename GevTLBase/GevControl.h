@@ -80,12 +80,10 @@ protected:
     /// held.
     boost::recursive_timed_mutex heartbeatMutex;
     boost::condition_variable_any heartbeatCondition; ///< the heartbeat thread's wait
-    bool wakeSignalled = false;                       ///< set by each wake; cleared by the thread and not tested
-    std::uint64_t wakeDelay = 0;      ///< length of the next wait in milliseconds; 0 means `heartbeatPeriod`
-    bool waiting = false;             ///< the thread is in its wait
-    bool waitRestarted = false;       ///< a wake came since the thread last looked...
-    Clock::time_point restartedUntil; ///< ...and this is when the wait now ends
-    Clock::time_point sleepUntil;     ///< when the thread looks again by itself
+    bool waiting = false;         ///< the thread is in its wait; wakes at other times mean nothing to it
+    bool wakeSignalled = false;   ///< a wake came since the thread last looked...
+    Clock::time_point wokenUntil; ///< ...and this is when the wait now ends
+    Clock::time_point sleepUntil; ///< when the thread looks again by itself
 
     Relaxed<std::uint32_t> heartbeatPeriod{firstHeartbeatPeriod}; ///< milliseconds between two CCP reads
     Relaxed<std::uint32_t> ccpValue{0};                           ///< what this program wrote to CCP

@@ -44,14 +44,12 @@ void CGevControl<TConnection>::RestartHeartbeatWait(std::uint64_t delayMs)
     bool wakeThread = false;
     {
         const boost::lock_guard<boost::recursive_timed_mutex> lock(heartbeatMutex);
-        wakeSignalled = true;
-        wakeDelay = delayMs;
         if (waiting) {
-            waitRestarted = true;
-            restartedUntil = Clock::now() + heartbeatDetail::asDuration(delayMs != 0 ? delayMs : heartbeatPeriod);
-            wakeThread = runFlag == 0 || restartedUntil < sleepUntil;
+            wakeSignalled = true;
+            wokenUntil = Clock::now() + heartbeatDetail::asDuration(delayMs != 0 ? delayMs : heartbeatPeriod);
+            wakeThread = runFlag == 0 || wokenUntil < sleepUntil;
             if (wakeThread)
-                sleepUntil = restartedUntil; // it is on its way, and needs no second notification
+                sleepUntil = wokenUntil; // it is on its way, and needs no second notification
         }
     }
     if (wakeThread)
@@ -175,17 +173,15 @@ void CGevControl<TConnection>::WaitForExpiry(std::uint64_t& delay)
         bool& flag_;
     };
     const Waiting inWait(waiting);
-    waitRestarted = false;
+    wakeSignalled = false;
     sleepUntil = Clock::now() + heartbeatDetail::asDuration(delay);
     while (runFlag != 0) {
         if (interruptedItself)
             throw boost::thread_interrupted();
         const boost::cv_status status = heartbeatCondition.wait_until(lock, Clock::time_point(sleepUntil));
-        if (waitRestarted) {
-            waitRestarted = false;
-            sleepUntil = restartedUntil;
-            wakeDelay = 0;
+        if (wakeSignalled) {
             wakeSignalled = false;
+            sleepUntil = wokenUntil;
         } else if (status == boost::cv_status::timeout) {
             delay = heartbeatPeriod;
             return;

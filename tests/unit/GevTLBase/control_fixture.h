@@ -34,7 +34,6 @@ class Fields {
         using TestControl::runFlag;
         using TestControl::sleepUntil;
         using TestControl::waiting;
-        using TestControl::wakeDelay;
         using TestControl::wakeSignalled;
     };
     TestControl& control_;
@@ -51,7 +50,6 @@ public:
     auto& runFlag() const { return control_.*(&Names::runFlag); }
     auto& sleepUntil() const { return control_.*(&Names::sleepUntil); }
     auto& waiting() const { return control_.*(&Names::waiting); }
-    auto& wakeDelay() const { return control_.*(&Names::wakeDelay); }
     auto& wakeSignalled() const { return control_.*(&Names::wakeSignalled); }
     // clang-format on
 };

@@ -557,6 +557,90 @@ TEST_F(ResyncFailure, LeavesWriteMemWithTheOuterLine)
     EXPECT_EQ("err GVCP.# Error writing 4 bytes to 32drain broke", lines(log).back());
 }
 
+namespace {
+
+/// Each of the four commands with what became of it, as "3 sent, -1234 words", "1 sent, plain words" or "1 sent".
+class OutOfStep : public ResyncFailure {
+protected:
+    using Commands = CGVCP<ThrowingConnection>;
+    struct Holder : Commands {
+        using Commands::hasCcp;
+    };
+
+    OutOfStep()
+    {
+        holder.SetConnection(connection);
+        holder.hasCcp = true;
+    }
+    std::string outcomeOf(const std::function<void()>& command)
+    {
+        const std::size_t before = connection->sent().size();
+        std::string end;
+        try {
+            command();
+        } catch (const GevException& e) {
+            end = ", " + std::to_string(e.Code()) + ' ' + e.what();
+        } catch (const PlainException& e) {
+            end = std::string(", plain ") + e.what();
+        }
+        return std::to_string(connection->sent().size() - before) + " sent" + end;
+    }
+    std::string writeReg()
+    {
+        return outcomeOf([&] { holder.WriteReg(0x10, 1, true, PendingAckCallback()); });
+    }
+    std::string readReg()
+    {
+        std::uint32_t value = 0;
+        return outcomeOf([&] { holder.ReadReg(0x10, value, true, PendingAckCallback()); });
+    }
+    std::string readMem()
+    {
+        return outcomeOf([&] { holder.ReadMem(0x10, sizeof bytes, bytes, PendingAckCallback()); });
+    }
+    std::string writeMem()
+    {
+        return outcomeOf([&] { holder.WriteMem(0x10, sizeof bytes, bytes, PendingAckCallback()); });
+    }
+
+    Holder holder;
+    std::uint8_t bytes[4] = {};
+};
+
+} // namespace
+
+TEST_F(OutOfStep, ADrainThatThrowsAGevExceptionCostsAnAttempt)
+{
+    connection->inResync = [] { throw GevException(-1234, "drain broke"); };
+    EXPECT_EQ("3 sent, -1234 Unable to send GVCP WriteReg", writeReg());
+    EXPECT_EQ("3 sent, -1234 ReadReg returned error", readReg());
+    EXPECT_EQ("3 sent, 0 ReadReg returned error", readMem()) << "the result of the last send";
+    EXPECT_EQ("3 sent", writeMem()) << "as if no answer had come";
+}
+
+TEST_F(OutOfStep, ADrainThatThrowsAnythingElseEndsTheCommand)
+{
+    connection->inResync = [] { throw std::out_of_range("drain broke"); };
+    for (const std::string& outcome : {writeReg(), readReg(), readMem(), writeMem()})
+        EXPECT_EQ("1 sent, plain drain broke", outcome);
+}
+
+TEST_F(OutOfStep, AMismatchThatStaysIsResentButForWriteMem)
+{
+    EXPECT_EQ("3 sent, -10017 Unable to send GVCP WriteReg", writeReg());
+    EXPECT_EQ("3 sent, -10017 ReadReg returned error", readReg());
+    EXPECT_EQ("3 sent, -10017 ReadReg returned error", readMem());
+    EXPECT_EQ("1 sent, -10017 Error executing WriteMem", writeMem());
+    connection->respond([](FakeConnection& c, const Bytes& sent) {
+        c.push(ack(0, big16(sent, 2), big16(sent, 6))); // the command's code is no acknowledge's
+        return 0;
+    });
+    EXPECT_EQ("3 sent, -10013 Unable to send GVCP WriteReg", writeReg());
+    EXPECT_EQ("3 sent, -10013 ReadReg returned error", readReg());
+    EXPECT_EQ("3 sent, -10013 ReadReg returned error", readMem());
+    EXPECT_EQ("1 sent, -10013 Error executing WriteMem", writeMem());
+}
+
 // --- Truncation and garbage
 
 TEST_F(Gvcp, RegisterAcknowledgesCutAtEveryByte)

@@ -141,17 +141,22 @@ TEST_F(Loopback, ThereAndBack)
     EXPECT_EQ(cameraPort, port);
 }
 
-TEST_F(Loopback, ATimeoutIsNotEarly)
+TEST_F(Loopback, ATimeoutIsNeitherEarlyNorLate)
 {
     CSockConnection connection;
     connection.Bind(localIp, 0);
     std::uint8_t buffer[576];
     for (const std::uint32_t timeout : {0u, 20u, 120u, 1500u}) {
-        std::int32_t count = 99;
-        const TimePoint start = std::chrono::steady_clock::now();
-        EXPECT_EQ(-10012, connection.Receive(buffer, sizeof buffer, timeout, nullptr, nullptr, count));
-        EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(timeout));
-        EXPECT_EQ(0, count);
+        auto least = TimePoint::duration::max();
+        for (int attempt = 0; attempt < 5 && least >= milliseconds(timeout + 200); ++attempt) {
+            std::int32_t count = 99;
+            const TimePoint start = std::chrono::steady_clock::now();
+            EXPECT_EQ(-10012, connection.Receive(buffer, sizeof buffer, timeout, nullptr, nullptr, count));
+            least = std::min(least, std::chrono::steady_clock::now() - start);
+            EXPECT_EQ(0, count);
+        }
+        EXPECT_GE(least, milliseconds(timeout));
+        EXPECT_LT(least, milliseconds(timeout + 200)) << "the machine can't have held up each of them";
     }
 }
 
