@@ -7,6 +7,7 @@
 #include "logging/log.h"
 #include "src/CallGate.h"
 
+#include <exception>
 #include <sstream>
 #include <utility>
 
@@ -20,7 +21,7 @@ namespace {
 
 constexpr std::uint32_t notificationTimeoutMs = 1000;
 constexpr std::uint32_t pendingAckMarginMs = 500;
-constexpr std::int32_t linkFailedCode = -10004;
+constexpr std::int32_t linkFailedCode = GEV::resultCode::closed;
 
 /// The digits of an address, for words that end in "0x".
 std::string Digits(const void* pointer)
@@ -63,20 +64,31 @@ CDevInst::CDevInst(std::shared_ptr<IMsgSrc> client_, Callback onClientGone_, Cal
     });
 }
 
-CDevInst::~CDevInst()
+CDevInst::~CDevInst() noexcept(false)
 {
     gate->Close();
     ZU_LOG(log, log_info, "DevInst DTOR 0x" << Digits(this) << " connected to IPC 0x" << Digits(client.get()));
-    CDevInst::LinkShutdown();
+    std::exception_ptr failure;
+    try {
+        CDevInst::LinkShutdown();
+    } catch (...) {
+        failure = std::current_exception();
+    }
     std::shared_ptr<IMsgSrc> last;
     {
         const boost::lock_guard<boost::mutex> lock(clientMutex);
         last.swap(client);
     }
     last.reset();
-    onDestroyed(this);
+    try {
+        onDestroyed(this);
+    } catch (...) {
+        failure = std::current_exception();
+    }
     // The heartbeat thread, if one still runs, ends here: before the members that its callbacks use.
     control.reset();
+    if (failure)
+        std::rethrow_exception(failure);
 }
 
 bool CDevInst::TryRetire() { return gate->TryClose(); }

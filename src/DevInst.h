@@ -35,8 +35,9 @@ public:
     /// destructor.
     CDevInst(std::shared_ptr<zuIPCPipe::IMsgSrc> client, Callback onClientGone, Callback onDestroyed);
 
-    /// Unlinks, lets go of the client, and waits for the calls that are still inside.
-    virtual ~CDevInst();
+    /// Waits for the calls that are still inside, unlinks, lets go of the client and calls `onDestroyed`; an empty one
+    /// throws `boost::bad_function_call`. Whatever is thrown, all of it is done.
+    virtual ~CDevInst() noexcept(false);
     CDevInst(const CDevInst&) = delete;
     CDevInst& operator=(const CDevInst&) = delete;
 

@@ -38,9 +38,17 @@ struct FailingControl : Control {
         else
             Control::Unlink();
     }
+    void GetLocalAddress(std::uint32_t& ip, std::uint16_t& port) override
+    {
+        if (localAddress)
+            localAddress();
+        else
+            Control::GetLocalAddress(ip, port);
+    }
     std::function<bool()> isLinked;
     std::function<bool()> hasControl;
     std::function<void()> unlink;
+    std::function<void()> localAddress;
     std::atomic<int> unlinks{0};
 };
 

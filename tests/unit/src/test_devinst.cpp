@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 
 using namespace zuTest;
@@ -66,6 +67,13 @@ TEST_F(DevInstTest, BindAndDestinationAreLoggedAndAcknowledged)
     std::ostringstream text;
     text << "Set Destination for socket to0x" << std::hex << camera.ip() << std::dec << " ,port " << camera.port();
     EXPECT_TRUE(log.contains(text.str())) << text.str();
+    const std::vector<std::string> lines = log.texts();
+    const auto place = [&](const std::string& start) {
+        return std::find_if(lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(start, 0) == 0; });
+    };
+    EXPECT_LT(place("Bind socket to IP"), place("Bind sock to IP")) << "announced, and then done";
+    EXPECT_LT(place("Set destination to"), place("Set Destination for socket to")) << "done, and then told";
+    ASSERT_NE(place("Set Destination for socket to"), lines.end());
     EXPECT_TRUE(log.contains(" Devinst " + pointerText(instance.get()) + " got cmd 9"));
     EXPECT_TRUE(log.contains("IPC Cmd Done " + pointerText(instance.get())));
 }

@@ -22,9 +22,18 @@ struct DevInstEvents : testing::Test {
     gevsim::Camera camera{"127.0.16.3", 0};
     std::shared_ptr<ScriptedClient> client = std::make_shared<ScriptedClient>();
     std::vector<zuGevDaemon::CDevInst*> gone, destroyed;
+    bool heldWhenGone = true;
+    long sharesWhenDestroyed = 0;
     std::unique_ptr<zuGevDaemon::CDevInst> instance = std::make_unique<zuGevDaemon::CDevInst>(
-        client, [this](zuGevDaemon::CDevInst* i) { gone.push_back(i); },
-        [this](zuGevDaemon::CDevInst* i) { destroyed.push_back(i); });
+        client,
+        [this](zuGevDaemon::CDevInst* i) {
+            gone.push_back(i);
+            heldWhenGone = camera.control().held();
+        },
+        [this](zuGevDaemon::CDevInst* i) {
+            destroyed.push_back(i);
+            sharesWhenDestroyed = client.use_count();
+        });
 
     Bytes run(const Build& request) { return client->command(request); }
     /// Links with short waits, so that a loss is noticed soon.
@@ -57,6 +66,7 @@ TEST_F(DevInstEvents, DestructionUnlinksAndTells)
     instance.reset();
     EXPECT_FALSE(camera.control().held());
     EXPECT_EQ(destroyed, std::vector{address});
+    EXPECT_EQ(sharesWhenDestroyed, 1) << "the test's own: the client is let go before";
     EXPECT_TRUE(gone.empty());
     EXPECT_TRUE(
         log.contains("DevInst DTOR 0x" + hexDigits(address) + " connected to IPC 0x" + hexDigits(client.get())));
@@ -81,6 +91,14 @@ TEST_F(DevInstEvents, EmptyFunctionObjectsThrow)
     auto lonely = std::make_shared<ScriptedClient>();
     zuGevDaemon::CDevInst other(lonely, {}, [](zuGevDaemon::CDevInst*) {});
     EXPECT_THROW(lonely->disconnectHandler(), boost::bad_function_call);
+
+    auto* const unknown = new zuGevDaemon::CDevInst(lonely, {}, {});
+    lonely->command(Build(CmdSetDestination).u32(TagDestIp, camera.ip()).u16(TagDestPort, camera.port()));
+    lonely->command(Build(CmdLink).u32(TagLinkMode, 3));
+    EXPECT_TRUE(camera.control().held());
+    EXPECT_THROW(delete unknown, boost::bad_function_call);
+    EXPECT_FALSE(camera.control().held());
+    EXPECT_TRUE(log.contains("Exit heartbeat thread"));
 }
 
 TEST_F(DevInstEvents, DisconnectWithoutLinkDoesNotUnlink)
@@ -99,6 +117,23 @@ TEST_F(DevInstEvents, DisconnectGivesTheCameraBack)
     client->disconnectHandler();
     EXPECT_FALSE(camera.control().held());
     EXPECT_EQ(gone, std::vector{instance.get()});
+    EXPECT_FALSE(heldWhenGone) << "given back first";
+}
+
+TEST_F(DevInstEvents, MessagesAreTakenBeforeADisconnectIs)
+{
+    struct Client : ScriptedClient {
+        void SetDisconnectHandler(DisconnectHandler handler) override
+        {
+            takesMessages = static_cast<bool>(msgHandler);
+            ScriptedClient::SetDisconnectHandler(std::move(handler));
+        }
+        bool takesMessages = false;
+    };
+    const auto other = std::make_shared<Client>();
+    zuGevDaemon::CDevInst made(other, {}, [](zuGevDaemon::CDevInst*) {});
+    EXPECT_TRUE(other->takesMessages);
+    EXPECT_TRUE(other->disconnectHandler);
 }
 
 namespace {
@@ -185,7 +220,7 @@ TEST_F(DevInstGoodbye, NoFurtherStepOfAMemoryAccessBegins)
     end.join();
     command.join();
     EXPECT_EQ(camera.received(Command::readMem), 2u) << "the step under way, and not the tail";
-    EXPECT_TRUE(log.contains("caused std::exception: client disconnected"));
+    EXPECT_TRUE(log.contains("Pipe ReadMem from addr0x10240 caused std::exception: client disconnected"));
     expectFreedBy(1);
 }
 

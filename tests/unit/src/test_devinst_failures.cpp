@@ -270,6 +270,18 @@ TEST_F(LinkShutdownTest, LetsAnyOtherExceptionOut)
     EXPECT_EQ(control->unlinks, 1);
 }
 
+TEST_F(LinkShutdownTest, AnInstanceIsGoneForEverybodyThoughItsEndThrows)
+{
+    auto other = std::make_shared<ScriptedClient>();
+    int destroyed = 0;
+    auto* const doomed = new zuGevDaemon::CDevInst(other, {}, [&](zuGevDaemon::CDevInst*) { ++destroyed; });
+    DevInstProbe::setControl(*doomed, control);
+    control->unlink = [] { throw std::runtime_error("out of threads"); };
+    EXPECT_THROW(delete doomed, std::runtime_error);
+    EXPECT_EQ(destroyed, 1);
+    EXPECT_EQ(other.use_count(), 1);
+}
+
 TEST_F(LinkShutdownTest, CheckLinkLogsAnyExceptionAsItsOwn)
 {
     for (const bool own : {true, false}) {
@@ -281,5 +293,52 @@ TEST_F(LinkShutdownTest, CheckLinkLogsAnyExceptionAsItsOwn)
         };
         EXPECT_EQ(run(Build(CmdCheckLink)), Build(CmdCheckLink | replyFlag).u8(TagSuccess, 0).done());
         expectLines(*this, "CheckLink failed : no idea", zuLogging::log_err, "DevIns");
+    }
+}
+
+namespace {
+
+/// The camera of the fixture, behind a link of which a test may let operations fail.
+struct DevInstHalfBroken : DevInstRefused {
+    DevInstHalfBroken()
+    {
+        DevInstProbe::setControl(*instance, control);
+        run(Build(CmdSetDestination).u32(TagDestIp, camera.ip()).u16(TagDestPort, camera.port()));
+    }
+    std::shared_ptr<FailingControl> control = std::make_shared<FailingControl>();
+};
+
+template <typename TException>
+std::function<void()> throws()
+{
+    return [] { throw TException("no idea"); };
+}
+
+} // namespace
+
+TEST_F(DevInstHalfBroken, AGoodLinkWhoseCheckFailsIsNoSuccess)
+{
+    for (const auto& fail : {throws<GEV::GevException>(), throws<std::runtime_error>()}) {
+        control->hasControl = [&]() -> bool {
+            fail();
+            return true;
+        };
+        EXPECT_EQ(run(Build(CmdLink).u32(TagLinkMode, 3)),
+                  Build(CmdLink | replyFlag).u32(TagLinkMode, 3).u8(TagLinkState, 0).u8(TagSuccess, 0).done());
+        EXPECT_TRUE(camera.control().held()) << "the link itself was good";
+        run(Build(CmdUnlink));
+    }
+    control->hasControl = nullptr;
+    EXPECT_EQ(run(Build(CmdLink).u32(TagLinkMode, 3)),
+              Build(CmdLink | replyFlag).u32(TagLinkMode, 3).u8(TagLinkState, 1).u8(TagSuccess, 1).done());
+}
+
+TEST_F(DevInstHalfBroken, ALocalAddressThatCannotBeHadIsSentAsZero)
+{
+    for (const auto& fail : {throws<GEV::GevException>(), throws<std::runtime_error>()}) {
+        control->localAddress = fail;
+        EXPECT_EQ(
+            run(Build(CmdGetLocalAddress)),
+            Build(CmdGetLocalAddress | replyFlag).u32(TagLocalIp, 0).u16(TagLocalPort, 0).u8(TagSuccess, 0).done());
     }
 }

@@ -261,6 +261,34 @@ TEST_F(DevInstMemory, WithoutDataZerosAreWritten)
     EXPECT_EQ(camera.readMemory(base, 4), Bytes(4, 0));
 }
 
+TEST_F(DevInstMemory, WriteShorterThanItsHeadFailsBeforeAnythingIsSent)
+{
+    const std::pair<std::uint64_t, std::uint64_t> cases[] = {{2, 1}, {3, 1}, {3, 2}, {1, 0}};
+    for (const auto& [remainder, length] : cases) {
+        const std::uint64_t address = base + remainder;
+        EXPECT_EQ(
+            run(Build(CmdWriteMem).u64(TagAddress, address).u64(TagLength, length).bytes(TagMemData, {1, 2, 3, 4})),
+            Build(CmdWriteMem | replyFlag)
+                .u64(TagAddress, address)
+                .u64(TagLength, length)
+                .bytes(TagMemData, {1, 2, 3, 4})
+                .u32(TagStatus, static_cast<std::uint32_t>(-1009))
+                .u8(TagSuccess, 0)
+                .done())
+            << remainder << " " << length;
+    }
+    EXPECT_TRUE(steps().empty());
+}
+
+TEST_F(DevInstMemory, LengthOfTheWholeBufferIsWritten)
+{
+    camera.writeMemory(base, Bytes(0x20004, 0xEE));
+    EXPECT_EQ(run(Build(CmdWriteMem).u64(TagAddress, base).u64(TagLength, 0x20000)), written());
+    Bytes expected(0x20004, 0);
+    std::fill_n(expected.end() - 4, 4, std::uint8_t{0xEE});
+    EXPECT_TRUE(camera.readMemory(base, 0x20004) == expected);
+}
+
 TEST_F(DevInstMemory, LengthBeyondTheBufferFailsBeforeAnythingIsWritten)
 {
     EXPECT_EQ(run(Build(CmdWriteMem).u64(TagAddress, base).u64(TagLength, 0x20001)),

@@ -60,6 +60,33 @@ TEST(TagMsg, FindTagOnAnEmptyMessageGivesNull)
     EXPECT_EQ(message.NextTag(message.FirstTag()), message.FirstTag());
 }
 
+TEST(TagMsg, NextTagLeadsFromEntryToEntryAndStaysAtTheTerminator)
+{
+    Message message;
+    message.AddBinary(TagRegValue, "\1\2\3\4", 4);
+    message.AddBinary(TagSuccess, "\1", 1);
+    const Message::Entry first = message.FirstTag();
+    const Message::Entry second = message.NextTag(first);
+    EXPECT_EQ(first, message.FindTag(TagRegValue));
+    EXPECT_EQ(second, message.FindTag(TagSuccess));
+    EXPECT_EQ(second, first + 16);
+    EXPECT_EQ(message.NextTag(second), message.EndTag());
+    EXPECT_EQ(message.NextTag(message.EndTag()), message.EndTag());
+}
+
+TEST(TagMsg, SizeIsCountedAnewAndNotTheUsedLength)
+{
+    Wrapped storage;
+    Message filled;
+    filled.AddBinary(TagRegValue, "\1\2\3\4", 4);
+    std::copy_n(filled.Data(), filled.UsedLength(), storage.bytes.begin());
+    Message message(storage.bytes.data(), 2024, 2024); // with bytes of no matter behind the terminator
+    EXPECT_EQ(message.Size(), 28u);
+    EXPECT_EQ(message.UsedLength(), 2024u);
+    message.UsedLength() = 5;
+    EXPECT_EQ(message.Size(), 28u);
+}
+
 TEST(TagMsg, EntriesByteByByte)
 {
     Message message;
