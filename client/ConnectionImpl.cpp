@@ -13,9 +13,6 @@ namespace zuGevClient {
 
 namespace {
 
-// Registers of the standard's bootstrap map.
-constexpr std::uint32_t heartbeatTimeoutRegister = 0x0938;
-constexpr std::uint32_t controlChannelPrivilegeRegister = 0x0A00;
 constexpr std::uint32_t privilegeBits = 3;
 
 /// Register values cross the pipe in host order with this, and as raw wire bytes without it.
@@ -28,7 +25,6 @@ constexpr std::int64_t eventWait = 1000;     ///< of the daemon, for our answer 
 // Camera commands behind one command of ours.
 constexpr unsigned commandsOfLink = 6;
 constexpr unsigned commandsOfHeartbeatThread = 5; ///< at most, when its end is waited for
-constexpr std::size_t daemonBlock = 576;          ///< of which each costs two camera commands
 
 std::string hexadecimal(std::uint32_t value)
 {
@@ -156,7 +152,7 @@ void ConnectionImpl::refuseLink(LinkMode mode)
     std::int32_t status = Status::generalFailure;
     std::string detail;
     try {
-        const std::uint32_t privilege = fetchRegister(controlChannelPrivilegeRegister);
+        const std::uint32_t privilege = fetchRegister(Register::controlChannelPrivilege);
         if (mode.isPrivileged() && (privilege & privilegeBits) != 0) {
             status = Status::accessDenied;
             detail = ", its privilege register reads " + hexadecimal(privilege) + ": another application may hold it";
@@ -269,7 +265,8 @@ void ConnectionImpl::fetchWords(std::uint32_t address, std::uint8_t* destination
     Request request(zuIPCPipe::CmdReadMem);
     request.add(zuIPCPipe::TagAddress, std::uint64_t{address}).add(zuIPCPipe::TagLength, std::uint64_t{size});
     Reply reply;
-    command(request, reply, budget(static_cast<unsigned>(2 * (size / daemonBlock + 1))), Channel::OnSilence::repeat);
+    command(request, reply, budget(static_cast<unsigned>(2 * (size / zuIPCPipe::memoryStep + 1))),
+            Channel::OnSilence::repeat);
     const std::string what = "Reading " + std::to_string(size) + " bytes at " + hexadecimal(address);
     requireSuccess(reply, what);
     if (!reply.copyMemory(destination, size))
@@ -285,7 +282,7 @@ bool ConnectionImpl::sendWords(std::uint32_t address, const std::uint8_t* source
         .add(zuIPCPipe::TagMemData, source, size);
     Reply reply;
     const std::uint64_t start = zuPlatform::steadyNanoseconds();
-    command(request, reply, budget(static_cast<unsigned>(2 * (size / daemonBlock + 1))));
+    command(request, reply, budget(static_cast<unsigned>(2 * (size / zuIPCPipe::memoryStep + 1))));
     const std::uint64_t elapsedMs = (zuPlatform::steadyNanoseconds() - start) / 1000000;
     const std::string what = "Writing " + std::to_string(size) + " bytes at " + hexadecimal(address);
     if (!privileged_ && reply.find<std::int32_t>(zuIPCPipe::TagStatus) == Status::generalFailure)
@@ -369,7 +366,7 @@ Heartbeat ConnectionImpl::setHeartbeat(Milliseconds timeout)
     channel();
     if (!privileged_)
         throw Error("The heartbeat timeout can be set only on a link that holds a privilege");
-    const std::uint32_t before = fetchRegister(heartbeatTimeoutRegister);
+    const std::uint32_t before = fetchRegister(Register::heartbeatTimeout);
     Request request(zuIPCPipe::CmdSetHeartbeat);
     request.add(zuIPCPipe::TagHeartbeatTimeout, value).add(zuIPCPipe::TagHeartbeatMargin, std::uint32_t{0});
     acknowledged(request, budget(1 + commandsOfHeartbeatThread) + Milliseconds(2 * eventWait));
@@ -395,7 +392,7 @@ Heartbeat ConnectionImpl::heartbeat()
 Heartbeat ConnectionImpl::fetchHeartbeat()
 {
     for (int attempt = 0; attempt < 2; ++attempt) {
-        const std::uint32_t timeout = fetchRegister(heartbeatTimeoutRegister);
+        const std::uint32_t timeout = fetchRegister(Register::heartbeatTimeout);
         Request request(zuIPCPipe::CmdGetHeartbeat);
         Reply reply;
         command(request, reply, budget(1), Channel::OnSilence::repeat);

@@ -21,6 +21,12 @@ using Milliseconds = std::chrono::milliseconds;
 /// UDP port on which cameras take commands.
 inline constexpr std::uint16_t gvcpPort = 3956;
 
+/// Registers of the standard's bootstrap map that the library itself looks at.
+namespace Register {
+inline constexpr std::uint32_t heartbeatTimeout = 0x0938; ///< milliseconds
+inline constexpr std::uint32_t controlChannelPrivilege = 0x0A00;
+} // namespace Register
+
 /// IPv4 address (0x7F000001 is 127.0.0.1) and UDP port.
 struct Endpoint {
     std::uint32_t address = 0;

@@ -3,6 +3,7 @@
 #include "src/DevInst.h"
 
 #include "GevTLBase/GevException.h"
+#include "GevTLBase/GevHelper.h"
 #include "logging/log.h"
 
 #include <algorithm>
@@ -25,9 +26,7 @@ using zuLogging::log_info;
 namespace {
 
 constexpr std::uint64_t wordSize = 4;
-constexpr std::uint64_t chunkSize = 0x240;       ///< largest access that one step makes
 constexpr std::size_t writeBufferSize = 0x20000; ///< most that one `CmdWriteMem` can carry
-constexpr std::int32_t invalidParameter = -1009; ///< a length that leads out of the buffers
 
 /// Zero bytes whose pages cost nothing until they are touched: the client names the length.
 class ZeroedBuffer {
@@ -106,7 +105,7 @@ struct CDevInst::Access {
         position += count;
         left -= count;
     }
-    std::uint64_t Chunk() const { return left > chunkSize ? chunkSize : left & ~(wordSize - 1); }
+    std::uint64_t Chunk() const { return left > memoryStep ? memoryStep : left & ~(wordSize - 1); }
     std::uint64_t Misalignment() const { return address % wordSize; }
 };
 
@@ -350,7 +349,7 @@ void CDevInst::ReadMemory(Control& link, Access& access)
 {
     if (const std::uint64_t head = access.Misalignment(); head != 0) {
         if (access.left < head)
-            throw GEV::GevException(invalidParameter, "Invalid length");
+            throw GEV::GevException(GEV::resultCode::invalidParameter, "Invalid length");
         std::uint8_t word[wordSize] = {};
         access.address -= head;
         link.ReadMem(access.address, wordSize, word, access.pendingAck);
@@ -394,7 +393,7 @@ void CDevInst::WriteMemory(Control& link, Access& access)
 {
     if (const std::uint64_t head = access.Misalignment(); head != 0) {
         if (access.left < head)
-            throw GEV::GevException(invalidParameter, "Invalid length");
+            throw GEV::GevException(GEV::resultCode::invalidParameter, "Invalid length");
         std::uint8_t word[wordSize] = {};
         access.address -= head;
         link.ReadMem(access.address, wordSize, word, access.pendingAck);
@@ -426,7 +425,7 @@ void CDevInst::DoWriteMem(Message& message, Control& link)
         std::size_t room = writeBufferSize;
         message.GetBinary(TagMemData, buffer.data(), room);
         if (access.left > writeBufferSize)
-            throw GEV::GevException(invalidParameter, "Invalid length");
+            throw GEV::GevException(GEV::resultCode::invalidParameter, "Invalid length");
         WriteMemory(link, access);
         message.ClearTags();
         Add(message, TagStatus, std::uint32_t{0});

@@ -53,4 +53,7 @@ enum TGevSvrCmd : std::uint32_t {
 
 inline constexpr std::uint32_t replyFlag = 0x80000000;
 
+/// Bytes of the largest step that the daemon cuts a `CmdReadMem` or `CmdWriteMem` into. It costs two camera commands.
+inline constexpr std::uint64_t memoryStep = 0x240;
+
 } // namespace zuIPCPipe

@@ -16,15 +16,14 @@ namespace gevctl {
 
 using zuGevClient::Connection;
 using zuGevClient::Event;
+namespace Register = zuGevClient::Register;
 
 namespace {
 
-// Registers of the standard's bootstrap map.
+// Further registers of the standard's bootstrap map.
 constexpr std::uint32_t messageChannelsRegister = 0x0900;
 constexpr std::uint32_t streamChannelsRegister = 0x0904;
 constexpr std::uint32_t gvcpCapabilityRegister = 0x0934;
-constexpr std::uint32_t heartbeatTimeoutRegister = 0x0938;
-constexpr std::uint32_t privilegeRegister = 0x0A00;
 constexpr std::uint32_t applicationPortRegister = 0x0A04;
 constexpr std::uint32_t applicationIpRegister = 0x0A14;
 
@@ -97,8 +96,8 @@ void runInfo(const Options& options, const Surroundings& around)
     addOptional(info, "messageChannels", connection, messageChannelsRegister, false);
     addOptional(info, "streamChannels", connection, streamChannelsRegister, false);
     addOptional(info, "gvcpCapability", connection, gvcpCapabilityRegister, true);
-    addOptional(info, "heartbeatTimeoutMs", connection, heartbeatTimeoutRegister, false);
-    const std::uint32_t privilege = connection.readRegister(privilegeRegister);
+    addOptional(info, "heartbeatTimeoutMs", connection, Register::heartbeatTimeout, false);
+    const std::uint32_t privilege = connection.readRegister(Register::controlChannelPrivilege);
     info["privilege"] = hex32(privilege);
     info["access"] = privilegeText(privilege);
     if (options.json)
@@ -130,7 +129,7 @@ void runStatus(const Options& options, const Surroundings& around)
     Json result{{"daemon", "running"}, {"port", zuGevClient::Daemon::port()}};
     if (options.camera) {
         Connection connection = connect(options);
-        const std::uint32_t privilege = connection.readRegister(privilegeRegister);
+        const std::uint32_t privilege = connection.readRegister(Register::controlChannelPrivilege);
         result["camera"] = zuGevClient::toString(*options.camera);
         result["privilege"] = hex32(privilege);
         result["access"] = privilegeText(privilege);
@@ -159,7 +158,7 @@ void runCheck(const Options& options, const Surroundings& around)
     Connection connection = connect(unlinked);
     const bool confirmed = connection.link(options.access.value());
     const bool holds = connection.checkLink();
-    const std::uint32_t privilege = connection.readRegister(privilegeRegister);
+    const std::uint32_t privilege = connection.readRegister(Register::controlChannelPrivilege);
     Json result{{"camera", zuGevClient::toString(options.camera.value())},
                 {"confirmed", confirmed},
                 {"holds", holds},

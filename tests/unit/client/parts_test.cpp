@@ -1,4 +1,5 @@
 // The library's small parts: texts, addresses, the event queue, the lock that is given in turn.
+#include "GevTLBase/GevControl.h"
 #include "client/EventQueue.h"
 #include "client/GevClient.h"
 #include "client/TurnLock.h"
@@ -31,6 +32,34 @@ TEST(StatusTextTest, eachCodeHasItsOwnText)
     EXPECT_EQ(texts.size(), codes.size());
     EXPECT_STREQ(statusText(-1), "unknown status");
     EXPECT_STREQ(statusText(Status::accessDenied), "access denied");
+}
+
+// The public headers stand alone, so they can't take them from the daemon's.
+TEST(StatusTextTest, numbersAreThoseOfTheDaemon)
+{
+    namespace Daemon = GEV::resultCode;
+    EXPECT_EQ(Status::success, Daemon::success);
+    EXPECT_EQ(Status::generalFailure, Daemon::generalError);
+    EXPECT_EQ(Status::notImplemented, Daemon::notImplemented);
+    EXPECT_EQ(Status::busy, Daemon::busy);
+    EXPECT_EQ(Status::accessDenied, Daemon::accessDenied);
+    EXPECT_EQ(Status::invalidParameter, Daemon::invalidParameter);
+    EXPECT_EQ(Status::timeout, Daemon::noAcknowledge);
+    EXPECT_EQ(Status::invalidAddress, Daemon::invalidAddress);
+    EXPECT_EQ(Status::socketClosed, Daemon::closed);
+    EXPECT_EQ(Status::writeProtect, Daemon::writeProtect);
+    EXPECT_EQ(Status::memoryOverrun, Daemon::memoryOverrun);
+    EXPECT_EQ(Status::responseTimeout, Daemon::timeout);
+    EXPECT_EQ(Status::notAnAcknowledge, Daemon::notAnAcknowledge);
+    EXPECT_EQ(Status::badAlignment, Daemon::badAlignment);
+    EXPECT_EQ(Status::invalidHeader, Daemon::invalidHeader);
+    EXPECT_EQ(Status::localProblem, Daemon::localProblem);
+    EXPECT_EQ(Status::messageMismatch, Daemon::mismatch);
+    EXPECT_EQ(Status::invalidProtocol, Daemon::invalidVersion);
+    EXPECT_EQ(Status::packetUnavailable, Daemon::packetUnavailable);
+    EXPECT_EQ(Register::heartbeatTimeout, GEV::gevRegister::heartbeatTimeout);
+    EXPECT_EQ(Register::controlChannelPrivilege, GEV::gevRegister::ccp);
+    EXPECT_EQ(gvcpPort, GEV::gvcpPort);
 }
 
 TEST(EndpointTest, parsesAddressesWithAndWithoutPort)
