@@ -6,7 +6,7 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_VENDOR ORTOLAN)
 set(CPACK_PACKAGE_CONTACT "ORTOLAN maintainers <maintainers@ortolan.example>")
 set(CPACK_PACKAGE_DIRECTORY "${CMAKE_BINARY_DIR}/packages")
-set(CPACK_COMPONENTS_ALL daemon tools client dev)
+set(CPACK_COMPONENTS_ALL daemon tools client features dev featuresdev)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 # The prefix is that of the packages, whatever this build folder installs to by hand.
 set(CPACK_SET_DESTDIR ON)
@@ -42,30 +42,44 @@ set(CPACK_COMPONENT_CLIENT_DESCRIPTION
 "client library of the GigE Vision service
 The C++ library by which programs use the cameras that the GigE Vision
 service of their machine holds.")
+set(CPACK_COMPONENT_FEATURES_DESCRIPTION
+"camera features by name for the GigE Vision service
+The C++ library by which programs read and set a camera's features by the
+names of its GenICam description. gevctl loads it for its command feature.")
 set(CPACK_COMPONENT_DEV_DESCRIPTION
 "client library of the GigE Vision service - development files
 Headers, CMake package configuration, pkg-config file and an example for
 programs that use the cameras of the GigE Vision service.")
+set(CPACK_COMPONENT_FEATURESDEV_DESCRIPTION
+"camera features by name for the GigE Vision service - development files
+Headers, CMake package configuration, pkg-config file and an example for
+programs that read and set a camera's features by name.")
 
 set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME zugevsvc)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS "systemd (>= 247), init-system-helpers (>= 1.54)")
 set(CPACK_DEBIAN_DAEMON_PACKAGE_RECOMMENDS "dbus")
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SUGGESTS "zugevsvc-tools")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zugevsvc-tools)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "zugevsvc")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "zugevsvc, libzugevfeatures${PROJECT_VERSION_MAJOR}")
 set(CPACK_DEBIAN_CLIENT_PACKAGE_NAME libzugevclient${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_CLIENT_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_CLIENT_PACKAGE_RECOMMENDS "zugevsvc")
+set(CPACK_DEBIAN_FEATURES_PACKAGE_NAME libzugevfeatures${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_FEATURES_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libzugevclient-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libzugevclient${PROJECT_VERSION_MAJOR} (= ${zu_version})")
+set(CPACK_DEBIAN_FEATURESDEV_PACKAGE_NAME libzugevfeatures-dev)
+set(CPACK_DEBIAN_FEATURESDEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_FEATURESDEV_PACKAGE_DEPENDS
+    "libzugevfeatures${PROJECT_VERSION_MAJOR} (= ${zu_version}), libzugevclient-dev (= ${zu_version})")
 
 # Changelog and copyright, which every package carries.
 set(zu_doc "${CMAKE_CURRENT_BINARY_DIR}/debian")
 configure_file(debian/changelog.in "${zu_doc}/changelog.Debian" @ONLY)
 execute_process(COMMAND "${ZU_GZIP}" -9n -c "${zu_doc}/changelog.Debian"
     OUTPUT_FILE "${zu_doc}/changelog.Debian.gz" COMMAND_ERROR_IS_FATAL ANY)
-foreach(component daemon tools client dev)
+foreach(component daemon tools client features dev featuresdev)
     string(TOUPPER ${component} upper)
     set(name ${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
     install(FILES "${zu_doc}/changelog.Debian.gz" debian/copyright
@@ -75,9 +89,13 @@ endforeach()
 set(zu_scripts "${CMAKE_CURRENT_SOURCE_DIR}/debian")
 set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA
     "${zu_scripts}/postinst" "${zu_scripts}/prerm" "${zu_scripts}/postrm" "${zu_scripts}/conffiles")
-file(WRITE "${zu_doc}/shlibs"
-    "libzugevclient ${PROJECT_VERSION_MAJOR} libzugevclient${PROJECT_VERSION_MAJOR} (>= ${PROJECT_VERSION})\n")
 file(WRITE "${zu_doc}/triggers" "activate-noawait ldconfig\n")
-set(CPACK_DEBIAN_CLIENT_PACKAGE_CONTROL_EXTRA "${zu_doc}/shlibs" "${zu_doc}/triggers")
+foreach(library client features)
+    string(TOUPPER ${library} upper)
+    set(name libzugev${library})
+    file(WRITE "${zu_doc}/${library}/shlibs"
+        "${name} ${PROJECT_VERSION_MAJOR} ${name}${PROJECT_VERSION_MAJOR} (>= ${PROJECT_VERSION})\n")
+    set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA "${zu_doc}/${library}/shlibs" "${zu_doc}/triggers")
+endforeach()
 
 include(CPack)

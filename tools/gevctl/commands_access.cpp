@@ -1,8 +1,8 @@
 // Commands that read and write: registers, memory, the description.
+#include "genicam/DescriptionFile.h"
 #include "tools/gevctl/commands.h"
 #include "tools/gevctl/numbers.h"
 #include "tools/gevctl/progress.h"
-#include "tools/gevctl/xml.h"
 
 #include <algorithm>
 #include <fstream>
@@ -13,11 +13,6 @@ namespace gevctl {
 using zuGevClient::Connection;
 
 namespace {
-
-// Registers of the standard's bootstrap map.
-constexpr std::uint32_t firstUrl = 0x0200;
-constexpr std::uint32_t secondUrl = 0x0400;
-constexpr std::size_t urlSize = 512;
 
 constexpr std::size_t largestDescription = 64u << 20;
 
@@ -138,37 +133,25 @@ void runWriteMemory(const Options& options, const Surroundings& around)
 void runXml(const Options& options, const Surroundings& around)
 {
     Connection connection = connect(options);
-    std::string firstText;
-    std::optional<LocalUrl> url;
-    for (const std::uint32_t at : {firstUrl, secondUrl}) {
-        const auto bytes = connection.readMemory(at, urlSize);
-        const std::string text = cleanText(bytes.data(), bytes.size());
-        url = parseLocalUrl(text);
-        if (firstText.empty() || url)
-            firstText = text;
-        if (url)
-            break;
-    }
+    zuGenICam::Location location = zuGenICam::locate(
+        [&](std::uint32_t address, void* to, std::size_t size) { connection.readMemory(address, to, size); });
+    location.url = cleanText(reinterpret_cast<const std::uint8_t*>(location.url.data()), location.url.size());
     if (options.urlOnly) {
         if (options.json)
-            print(around, Json{{"url", firstText}});
+            print(around, Json{{"url", location.url}});
         else
-            around.out << firstText << '\n';
+            around.out << location.url << '\n';
         return;
     }
-    if (!url)
-        throw std::runtime_error(firstText.empty() ? "The camera names no description"
-                                                   : "The camera keeps its description elsewhere: " + firstText);
-    if (url->size > largestDescription)
-        throw std::runtime_error("The camera's description is larger than can be meant: " + firstText);
-    std::vector<std::uint8_t> bytes = fetch(connection, url->address, url->size, url->fileName, options, around);
-    if (!options.raw && isZip(bytes))
-        bytes = unzip(bytes, largestDescription);
+    const zuGenICam::LocalUrl& url = zuGenICam::requireLocal(location, largestDescription);
+    std::vector<std::uint8_t> bytes = fetch(connection, url.address, url.size, url.fileName, options, around);
+    if (!options.raw && zuGenICam::isZip(bytes))
+        bytes = zuGenICam::unzip(bytes, largestDescription);
     store(options.file, bytes, around);
     if (options.file.empty() || options.file == "-")
         return;
     if (options.json)
-        print(around, Json{{"url", firstText}, {"size", bytes.size()}, {"file", options.file}});
+        print(around, Json{{"url", location.url}, {"size", bytes.size()}, {"file", options.file}});
     else if (!options.quiet)
         around.out << bytes.size() << " bytes written to " << options.file << '\n';
 }

@@ -27,7 +27,8 @@ prefix="$folder/pre fix"
 quietly cmake --install "$build" --prefix "$prefix"
 for file in sbin/zuGevSvc sbin/zuLogSvc bin/gevctl bin/gevsim etc/zugevsvc/zuLogSvc.json \
     lib/systemd/system/zuGevSvc.service lib/systemd/system/zuLogSvc.service lib/sysusers.d/zugevsvc.conf \
-    include/zugevclient/client/GevClient.h share/man/man8/zuGevSvc.8.gz share/man/man8/zuLogSvc.8.gz \
+    include/zugevclient/client/GevClient.h include/zugevclient/features/CameraFeatures.h \
+    include/zugevclient/features/Features.h include/zugevclient/features/FeatureTypes.h share/man/man8/zuGevSvc.8.gz share/man/man8/zuLogSvc.8.gz \
     share/man/man1/gevctl.1.gz share/man/man1/gevsim.1.gz share/bash-completion/completions/gevctl; do
     [ -s "$prefix/$file" ] || fail "$file is not installed"
 done
@@ -89,22 +90,37 @@ complete_with() { bash -c 'source "$1"; COMP_WORDS=("${@:3}"); COMP_CWORD=$((${#
 # A program of somebody else builds against it, both ways.
 libdir=$(dirname "$(find "$prefix" -name libzugevclient.so)")
 mkdir "$folder/user"
-cp "$(dirname "$(find "$prefix" -name example.cpp)")/example.cpp" "$folder/user/"
+cp "$prefix"/share/doc/libzugev*-dev/examples/*.cpp "$folder/user/"
 cat > "$folder/user/CMakeLists.txt" << 'EOT'
 cmake_minimum_required(VERSION 3.22)
 project(user LANGUAGES CXX)
 find_package(zuGevClient 1.0 REQUIRED)
+find_package(zuGevFeatures 1.0 REQUIRED)
 add_executable(user example.cpp)
 target_link_libraries(user PRIVATE zuGev::client)
+add_executable(features features.cpp)
+target_link_libraries(features PRIVATE zuGev::features)
 EOT
 quietly cmake -S "$folder/user" -B "$folder/user/build" -DCMAKE_PREFIX_PATH="$prefix"
 quietly cmake --build "$folder/user/build"
-status=0
-LD_LIBRARY_PATH=$libdir "$folder/user/build/user" > /dev/null 2>&1 || status=$?
-[ $status -eq 2 ] || fail "the example ended with status $status and not with that of its usage"
+for example in user features; do
+    status=0
+    LD_LIBRARY_PATH=$libdir "$folder/user/build/$example" > /dev/null 2>&1 || status=$?
+    [ $status -eq 2 ] || fail "the example $example ended with status $status and not with that of its usage"
+done
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 eval "quietly c++ -std=c++20 \"$folder/user/example.cpp\" -o \"$folder/user/by-pkg-config\" $(pkg-config --cflags --libs zugevclient)"
 readelf -d "$folder/user/by-pkg-config" | grep -q 'NEEDED.*libzugevclient\.so\.1\]' || fail "the library has another soname"
+eval "quietly c++ -std=c++20 \"$folder/user/features.cpp\" -o \"$folder/user/features-by-pkg-config\" $(pkg-config --cflags --libs zugevfeatures)"
+readelf -d "$folder/user/features-by-pkg-config" | grep -q 'NEEDED.*libzugevfeatures\.so\.1\]' ||
+    fail "the features library has another soname"
+readelf -d "$libdir/libzugevfeatures.so" | grep -q NODELETE || fail "the features library can be unloaded"
+readelf -d "$libdir/libzugevclient.so" | grep -q 'NEEDED.*\(aravis\|libzip\|libxml2\|glib\)' &&
+    fail "the client library needs what only the features need"
+others=$(nm -DC --defined-only "$libdir/libzugevfeatures.so" |
+    sed -E 's/^[0-9a-f]+ . //; s/^(typeinfo for|typeinfo name for|vtable for) //' |
+    grep -v -E '^(zuGevFeatures::openFeatures\(|zuGevFeatures::FeatureError@|zugevfeatures_open_1@|ZUGEVFEATURES_1$)')
+[ -z "$others" ] || fail "the features library shows: $others"
 
 # Nothing but the client's own names can be seen in the library.
 others=$(nm -DC --defined-only "$libdir/libzugevclient.so" |
@@ -124,7 +140,12 @@ for program in dpkg-shlibdeps file lintian; do
 done
 rm -f "$build"/packages/*.deb
 (cd "$build" && quietly cpack -G DEB)
-[ "$(ls "$build"/packages/*.deb | wc -l)" = 4 ] || fail "there are not four packages"
+[ "$(ls "$build"/packages/*.deb | wc -l)" = 6 ] || fail "there are not six packages"
+dpkg-deb -f "$build"/packages/libzugevfeatures1_*.deb Depends | grep -q libaravis || fail "the features package does not depend on libaravis"
+for package in zugevsvc_ libzugevclient1_ zugevsvc-tools_; do
+    dpkg-deb -f "$build/packages/$package"*.deb Depends | grep -q libaravis && fail "$package depends on libaravis"
+done
+dpkg-deb -f "$build"/packages/zugevsvc-tools_*.deb Recommends | grep -q libzugevfeatures1 || fail "gevctl's package does not recommend the features"
 lintian --allow-root --fail-on error --suppress-tags initial-upload-closes-no-bugs "$build"/packages/*.deb ||
     fail "lintian finds errors"
 

@@ -22,7 +22,9 @@ const std::vector<Room> rooms = {
     {"GevTLBase/", {"platform/", "logging/"}},
     {"src/", {"platform/", "logging/", "GevTLBase/IPCPipe/", "GevTLBase/"}},
     {"client/", {"GevTLBase/IPCPipe/", "platform/", "logging/"}},
-    {"tools/gevctl/", {"client/", "platform/"}},
+    {"genicam/", {}},
+    {"features/", {"client/", "genicam/", "platform/"}},
+    {"tools/gevctl/", {"client/", "genicam/", "features/", "platform/"}},
     {"tools/gevsim/", {"platform/"}},
     {"tools/zuLogSvc/", {"platform/"}},
 };

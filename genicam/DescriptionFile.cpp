@@ -1,5 +1,5 @@
 // Reads description URLs and zip archives.
-#include "tools/gevctl/xml.h"
+#include "genicam/DescriptionFile.h"
 
 #include <zip.h>
 
@@ -10,9 +10,23 @@
 #include <memory>
 #include <stdexcept>
 
-namespace gevctl {
+namespace zuGenICam {
 
 namespace {
+
+// Registers of the standard's bootstrap map.
+constexpr std::uint32_t firstUrl = 0x0200;
+constexpr std::uint32_t secondUrl = 0x0400;
+constexpr std::size_t urlSize = 512;
+
+/// Up to the first 0; control characters become question marks.
+std::string textIn(const std::vector<char>& bytes)
+{
+    std::string text(bytes.begin(), std::find(bytes.begin(), bytes.end(), '\0'));
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, '?');
+    return text;
+}
 
 std::string lowerCase(std::string text)
 {
@@ -84,6 +98,32 @@ std::optional<LocalUrl> parseLocalUrl(const std::string& url)
     return LocalUrl{rest.substr(0, first), *address, *size};
 }
 
+Location locate(const ReadMemory& read)
+{
+    Location found;
+    std::vector<char> bytes(urlSize);
+    for (const std::uint32_t at : {firstUrl, secondUrl}) {
+        read(at, bytes.data(), bytes.size());
+        const std::string text = textIn(bytes);
+        found.local = parseLocalUrl(text);
+        if (found.url.empty() || found.local)
+            found.url = text;
+        if (found.local)
+            break;
+    }
+    return found;
+}
+
+const LocalUrl& requireLocal(const Location& location, std::size_t limit)
+{
+    if (!location.local)
+        throw std::runtime_error(location.url.empty() ? "The camera names no description"
+                                                      : "The camera keeps its description elsewhere: " + location.url);
+    if (location.local->size > limit)
+        throw std::runtime_error("The camera's description is larger than can be meant: " + location.url);
+    return *location.local;
+}
+
 bool isZip(const std::vector<std::uint8_t>& bytes)
 {
     return bytes.size() >= 4 && bytes[0] == 'P' && bytes[1] == 'K' && bytes[2] == 3 && bytes[3] == 4;
@@ -137,4 +177,4 @@ std::vector<std::uint8_t> unzip(const std::vector<std::uint8_t>& bytes, std::siz
     }
 }
 
-} // namespace gevctl
+} // namespace zuGenICam

@@ -1,5 +1,5 @@
 // Description URLs and archives.
-#include "tools/gevctl/xml.h"
+#include "genicam/DescriptionFile.h"
 
 #include <gtest/gtest.h>
 #include <zip.h>
@@ -11,7 +11,7 @@
 
 namespace {
 
-using namespace gevctl;
+using namespace zuGenICam;
 using Bytes = std::vector<std::uint8_t>;
 
 TEST(UrlTest, local)

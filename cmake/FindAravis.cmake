@@ -1,0 +1,20 @@
+# libaravis 0.8 as Aravis::Aravis. Its pkg-config file asks for a USB library's development files, which it does not need
+# and Debian does not install with it; so it is looked up by itself.
+find_path(ARAVIS_INCLUDE_DIR arv.h PATH_SUFFIXES aravis-0.8)
+find_library(ARAVIS_LIBRARY aravis-0.8)
+find_package(PkgConfig QUIET)
+if(PKG_CONFIG_FOUND)
+    pkg_check_modules(ZU_GIO QUIET IMPORTED_TARGET GLOBAL gio-2.0)
+endif()
+if(TARGET PkgConfig::ZU_GIO)
+    set(ARAVIS_GIO PkgConfig::ZU_GIO)
+endif()
+include(FindPackageHandleStandardArgs)
+find_package_handle_standard_args(Aravis REQUIRED_VARS ARAVIS_LIBRARY ARAVIS_INCLUDE_DIR ARAVIS_GIO
+    REASON_FAILURE_MESSAGE "apt-get install libaravis-dev")
+mark_as_advanced(ARAVIS_INCLUDE_DIR ARAVIS_LIBRARY)
+if(Aravis_FOUND AND NOT TARGET Aravis::Aravis)
+    add_library(Aravis::Aravis INTERFACE IMPORTED GLOBAL)
+    target_include_directories(Aravis::Aravis SYSTEM INTERFACE "${ARAVIS_INCLUDE_DIR}")
+    target_link_libraries(Aravis::Aravis INTERFACE "${ARAVIS_LIBRARY}" PkgConfig::ZU_GIO)
+endif()
