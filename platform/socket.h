@@ -61,6 +61,8 @@ struct ReceiveResult {
     int error = 0;
 };
 
+class DatagramBatch;
+
 /// One UDP socket. Every operation but `open` returns 0 or the system's error code. Any operation may be called from
 /// any thread; two threads must not `receive` on one socket at once.
 class DatagramSocket {
@@ -78,6 +80,8 @@ public:
     /// Makes sends return `wouldBlockError` in place of waiting. Receives always take a timeout.
     int setNonBlocking();
     int setReceiveBuffer(int bytes);
+    /// What was granted, in the measure of `setReceiveBuffer`: less than was asked for where the system sets a limit.
+    int getReceiveBuffer(int& bytes);
     int setSendBuffer(int bytes);
     int setBroadcast();
     int setReuseAddress();
@@ -87,12 +91,33 @@ public:
     /// A count that covers the bytes of all queued datagrams; it may be larger. 0 means that nothing is queued.
     int getPendingBytes(std::size_t& bytes);
 
+    /// Datagrams that the system has thrown away since the socket was made, mostly because the receive buffer was full.
+    /// Wraps.
+    int getDropped(std::uint32_t& count);
+
+    /// Binds to the group's port, which all sockets share that join there, and joins the group on the interface that
+    /// has the address `interfaceAddress` (network byte order). Only what is sent to the group comes in. What is sent
+    /// has the interface's own address as its sender.
+    int joinGroup(const SocketAddress& group, std::uint32_t interfaceAddress);
+
+    /// From now on only datagrams of this peer come in, and an unbound socket gets the address of the interface towards
+    /// it. `sendTo` reaches others as before. Nothing is sent.
+    int connect(const SocketAddress& peer);
+
     SendResult sendTo(const void* data, std::size_t size, const SocketAddress& to);
 
     /// Waits up to `timeoutMs` milliseconds on the steady clock (0 polls) for a datagram and reads it. Signals do not
     /// end the wait. A datagram larger than the buffer is `receiveFailed` with `messageSizeError`; buffer and sender
     /// are filled all the same. `from` may be null; it is written only when a datagram was read.
     ReceiveResult receive(void* buffer, std::size_t size, std::uint32_t timeoutMs, SocketAddress* from);
+
+    /// Waits up to `timeoutNs` nanoseconds on the steady clock until a datagram can be read: 0, or `wouldBlockError` if
+    /// none came in time. A `close` ends the wait. Signals do not.
+    int waitReadable(std::uint64_t timeoutNs);
+
+    /// Reads the datagrams that have come, in order and up to the batch's capacity, in one system call, and does not
+    /// wait: `wouldBlockError` if there are none. `count` is how many were read. One thread at a time, as `receive`.
+    int receiveBatch(DatagramBatch& batch, std::size_t& count);
 
     /// Refuses further sends; what is queued can still be read.
     int shutdownSend();

@@ -2,6 +2,8 @@
 // is bounded by SO_RCVTIMEO, which is set again only when the timeout changes. Any thread may call; there are no locks.
 #include "platform/socket.h"
 
+#include "platform/datagram_batch.h"
+
 #include <arpa/inet.h>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
@@ -12,9 +14,11 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <vector>
 
 namespace zuPlatform {
 
@@ -81,6 +85,43 @@ ReceiveResult readOne(int fd, void* buffer, std::size_t size, int flags, SocketA
 
 } // namespace
 
+struct DatagramBatch::State {
+    explicit State(std::size_t capacity) : headers(capacity), pieces(capacity), peers(capacity)
+    {
+        for (std::size_t i = 0; i < capacity; ++i) {
+            msghdr& header = headers[i].msg_hdr;
+            header.msg_name = &peers[i];
+            header.msg_namelen = sizeof peers[i];
+            header.msg_iov = pieces[i].data();
+        }
+    }
+
+    std::vector<mmsghdr> headers;
+    std::vector<std::array<iovec, mostPieces>> pieces;
+    std::vector<sockaddr_in> peers;
+};
+
+DatagramBatch::DatagramBatch(std::size_t capacity) : state_(std::make_unique<State>(capacity)) {}
+DatagramBatch::~DatagramBatch() = default;
+
+std::size_t DatagramBatch::capacity() const { return state_->headers.size(); }
+
+void DatagramBatch::setPieces(std::size_t index, std::span<const MemoryPiece> pieces)
+{
+    iovec* const to = state_->pieces[index].data();
+    for (std::size_t i = 0; i < pieces.size(); ++i)
+        to[i] = {pieces[i].data, pieces[i].size};
+    state_->headers[index].msg_hdr.msg_iovlen = pieces.size();
+}
+
+std::size_t DatagramBatch::size(std::size_t index) const { return state_->headers[index].msg_len; }
+
+SocketAddress DatagramBatch::from(std::size_t index) const
+{
+    const sockaddr_in& peer = state_->peers[index];
+    return {peer.sin_addr.s_addr, peer.sin_port};
+}
+
 struct DatagramSocket::State {
     explicit State(int descriptor) : fd(descriptor) {}
     ~State() { ::close(fd); }
@@ -95,6 +136,15 @@ struct DatagramSocket::State {
         if (isClosed())
             return EBADF;
         return ::setsockopt(fd, level, option, &value, sizeof value) == 0 ? 0 : errno;
+    }
+
+    template <typename Value>
+    int getOption(int level, int option, Value& value) const
+    {
+        socklen_t size = sizeof value;
+        if (isClosed())
+            return EBADF;
+        return ::getsockopt(fd, level, option, &value, &size) == 0 ? 0 : errno;
     }
 
     const int fd;
@@ -187,6 +237,50 @@ int DatagramSocket::getPendingBytes(std::size_t& bytes)
     return 0;
 }
 
+int DatagramSocket::getReceiveBuffer(int& bytes)
+{
+    const int error = state_->getOption(SOL_SOCKET, SO_RCVBUF, bytes);
+    bytes /= 2; // the system doubles what is asked for, for its own needs
+    return error;
+}
+
+int DatagramSocket::getDropped(std::uint32_t& count)
+{
+    // The counter of SO_RXQ_OVFL, which tells it only with the next datagram that is read, and at a cost for each.
+    std::uint32_t memory[SK_MEMINFO_VARS] = {};
+    const int error = state_->getOption(SOL_SOCKET, SO_MEMINFO, memory);
+    if (error == 0)
+        count = memory[SK_MEMINFO_DROPS];
+    return error;
+}
+
+int DatagramSocket::joinGroup(const SocketAddress& group, std::uint32_t interfaceAddress)
+{
+    const in_addr interface {
+        interfaceAddress
+    };
+    ip_mreqn membership{};
+    membership.imr_multiaddr.s_addr = group.address;
+    membership.imr_address = interface;
+    // Without the last, what other sockets of this machine have joined would come too.
+    int error = setReuseAddress();
+    if (error == 0)
+        error = bind(group);
+    if (error == 0)
+        error = state_->setOption(IPPROTO_IP, IP_ADD_MEMBERSHIP, membership);
+    if (error == 0)
+        error = state_->setOption(IPPROTO_IP, IP_MULTICAST_ALL, int{0});
+    return error;
+}
+
+int DatagramSocket::connect(const SocketAddress& peer)
+{
+    if (state_->isClosed())
+        return EBADF;
+    const sockaddr_in to = toSystem(peer);
+    return ::connect(state_->fd, reinterpret_cast<const sockaddr*>(&to), sizeof to) == 0 ? 0 : errno;
+}
+
 SendResult DatagramSocket::sendTo(const void* data, std::size_t size, const SocketAddress& to)
 {
     const sockaddr_in peer = toSystem(to);
@@ -243,6 +337,46 @@ ReceiveResult DatagramSocket::receive(void* buffer, std::size_t size, std::uint3
         result = readOne(state.fd, buffer, size, MSG_DONTWAIT, from, again);
     }
     return result;
+}
+
+int DatagramSocket::waitReadable(std::uint64_t timeoutNs)
+{
+    const State& state = *state_;
+    constexpr std::uint64_t longest = 1000000000ull * nsPerSecond;
+    const std::int64_t deadline = steadyNow() + static_cast<std::int64_t>(timeoutNs < longest ? timeoutNs : longest);
+    for (std::int64_t rest = static_cast<std::int64_t>(timeoutNs < longest ? timeoutNs : longest);;) {
+        if (state.isClosed())
+            return EBADF;
+        const timespec wait{rest / nsPerSecond, rest % nsPerSecond};
+        pollfd ready{state.fd, POLLIN, 0};
+        const int found = ::ppoll(&ready, 1, &wait, nullptr);
+        if (found > 0)
+            return state.isClosed() ? EBADF : 0;
+        if (found < 0 && errno != EINTR)
+            return errno;
+        rest = deadline - steadyNow();
+        if (rest <= 0 && found == 0)
+            return EAGAIN;
+        rest = rest > 0 ? rest : 0;
+    }
+}
+
+int DatagramSocket::receiveBatch(DatagramBatch& batch, std::size_t& count)
+{
+    count = 0;
+    if (state_->isClosed())
+        return EBADF;
+    std::vector<mmsghdr>& headers = batch.state_->headers;
+    const int read = ::recvmmsg(state_->fd, headers.data(), static_cast<unsigned>(headers.size()),
+                                MSG_DONTWAIT | MSG_TRUNC, nullptr);
+    if (read < 0)
+        return errno == EINTR ? EAGAIN : errno;
+    if (state_->isClosed())
+        return EBADF; // what was read then may be nothing at all
+    for (int i = 0; i < read; ++i)
+        headers[static_cast<std::size_t>(i)].msg_hdr.msg_namelen = sizeof(sockaddr_in);
+    count = static_cast<std::size_t>(read);
+    return 0;
 }
 
 int DatagramSocket::shutdownSend()

@@ -21,6 +21,21 @@ thread_local bool priorityChosen = false;
 // With id 0 the call reaches the calling thread only.
 bool setOwnNice(int level) { return ::setpriority(PRIO_PROCESS, 0, level) == 0; }
 
+void sleepNs(std::uint64_t ns)
+{
+    constexpr long second = 1000000000;
+    timespec end{};
+    ::clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_sec += static_cast<time_t>(ns / second);
+    end.tv_nsec += static_cast<long>(ns % second);
+    if (end.tv_nsec >= second) {
+        ++end.tv_sec;
+        end.tv_nsec -= second;
+    }
+    while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
+    }
+}
+
 } // namespace
 
 bool setCurrentThreadPriority(ThreadPriority priority)
@@ -55,19 +70,8 @@ std::uint64_t currentThreadId() { return static_cast<std::uint64_t>(::gettid());
 
 void yieldThread() { ::sched_yield(); }
 
-void sleepMs(std::uint32_t ms)
-{
-    timespec end{};
-    ::clock_gettime(CLOCK_MONOTONIC, &end);
-    end.tv_sec += ms / 1000;
-    end.tv_nsec += static_cast<long>(ms % 1000) * 1000000;
-    if (end.tv_nsec >= 1000000000) {
-        ++end.tv_sec;
-        end.tv_nsec -= 1000000000;
-    }
-    while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
-    }
-}
+void sleepMs(std::uint32_t ms) { sleepNs(std::uint64_t{ms} * 1000000); }
+void sleepUs(std::uint32_t us) { sleepNs(std::uint64_t{us} * 1000); }
 
 std::uint64_t steadyNanoseconds()
 {

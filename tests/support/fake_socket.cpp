@@ -1,6 +1,8 @@
 // The script that every fake socket shares, under one lock, and the socket operations that play it.
 #include "tests/support/fake_socket.h"
 
+#include "platform/datagram_batch.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
@@ -21,8 +23,26 @@ struct DatagramSocket::State {
     bool closed = false;
     std::uint64_t generation = 0; ///< of the script at the time of opening
     bool dontFragment = false;
+    int receiveBuffer = 0;
     SocketAddress local;
 };
+
+struct DatagramBatch::State {
+    explicit State(std::size_t capacity) : pieces(capacity), sizes(capacity), peers(capacity) {}
+    std::vector<std::vector<MemoryPiece>> pieces;
+    std::vector<std::size_t> sizes;
+    std::vector<SocketAddress> peers;
+};
+
+DatagramBatch::DatagramBatch(std::size_t capacity) : state_(std::make_unique<State>(capacity)) {}
+DatagramBatch::~DatagramBatch() = default;
+std::size_t DatagramBatch::capacity() const { return state_->pieces.size(); }
+void DatagramBatch::setPieces(std::size_t index, std::span<const MemoryPiece> pieces)
+{
+    state_->pieces.at(index).assign(pieces.begin(), pieces.end());
+}
+std::size_t DatagramBatch::size(std::size_t index) const { return state_->sizes.at(index); }
+SocketAddress DatagramBatch::from(std::size_t index) const { return state_->peers.at(index); }
 
 } // namespace zuPlatform
 
@@ -59,6 +79,8 @@ struct Script {
     std::function<SendResult(const SentDatagram&)> answer;
     std::optional<SocketAddress> local;
     std::optional<std::size_t> pending;
+    std::optional<int> granted;
+    std::uint32_t dropped = 0;
     bool instant = false;
     std::size_t opened = 0;
     std::size_t alive = 0;
@@ -121,6 +143,8 @@ void reset()
     s.answer = nullptr;
     s.local.reset();
     s.pending.reset();
+    s.granted.reset();
+    s.dropped = 0;
     s.instant = false;
     s.opened = 0;
     s.nextPort = 50000;
@@ -173,6 +197,18 @@ void setPendingBytes(std::size_t bytes)
 {
     const std::lock_guard<std::mutex> lock(script().mutex);
     script().pending = bytes;
+}
+
+void setGrantedBuffer(int bytes)
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    script().granted = bytes;
+}
+
+void setDropped(std::uint32_t count)
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    script().dropped = count;
 }
 
 std::vector<SentDatagram> sent()
@@ -228,6 +264,14 @@ namespace zuPlatform {
 using namespace zuTest::FakeSockets;
 
 namespace {
+
+/// Whether an answer is a datagram that the socket may have. The caller holds the script's lock.
+template <typename State>
+bool isFor(const Answer& answer, const State& state)
+{
+    return state.generation == script().generation && answer.result.kind == ReceiveResult::Kind::received &&
+           (answer.socket == anySocket || answer.socket == state.number);
+}
 
 /// Notes the call and returns what it is to fail with. The caller holds the script's lock.
 template <typename State>
@@ -296,7 +340,10 @@ int DatagramSocket::setNonBlocking()
 int DatagramSocket::setReceiveBuffer(int bytes)
 {
     const std::lock_guard<std::mutex> lock(script().mutex);
-    return enter(*state_, Call::setReceiveBuffer, "setReceiveBuffer " + std::to_string(bytes));
+    const int error = enter(*state_, Call::setReceiveBuffer, "setReceiveBuffer " + std::to_string(bytes));
+    if (!error)
+        state_->receiveBuffer = bytes;
+    return error;
 }
 
 int DatagramSocket::setSendBuffer(int bytes)
@@ -349,6 +396,42 @@ int DatagramSocket::getPendingBytes(std::size_t& bytes)
             queued += std::max<std::size_t>(answer.data.size(), 1);
     bytes = s.pending ? *s.pending : queued;
     return 0;
+}
+
+int DatagramSocket::getReceiveBuffer(int& bytes)
+{
+    Script& s = script();
+    const std::lock_guard<std::mutex> lock(s.mutex);
+    const int error = enter(*state_, Call::getReceiveBuffer, "getReceiveBuffer");
+    if (!error)
+        bytes = s.granted ? *s.granted : state_->receiveBuffer;
+    return error;
+}
+
+int DatagramSocket::getDropped(std::uint32_t& count)
+{
+    Script& s = script();
+    const std::lock_guard<std::mutex> lock(s.mutex);
+    const int error = enter(*state_, Call::getDropped, "getDropped");
+    if (!error)
+        count = s.dropped;
+    return error;
+}
+
+int DatagramSocket::joinGroup(const SocketAddress& group, std::uint32_t interfaceAddress)
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    const int error =
+        enter(*state_, Call::joinGroup, "joinGroup " + textOf(group) + " on " + textOf({interfaceAddress, 0}));
+    if (!error)
+        state_->local = group;
+    return error;
+}
+
+int DatagramSocket::connect(const SocketAddress& peer)
+{
+    const std::lock_guard<std::mutex> lock(script().mutex);
+    return enter(*state_, Call::connect, "connect " + textOf(peer));
 }
 
 SendResult DatagramSocket::sendTo(const void* data, std::size_t size, const SocketAddress& to)
@@ -410,6 +493,53 @@ ReceiveResult DatagramSocket::receive(void* buffer, std::size_t size, std::uint3
             return {};
         s.changed.wait_until(lock, deadline);
     }
+}
+
+int DatagramSocket::waitReadable(std::uint64_t timeoutNs)
+{
+    Script& s = script();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::nanoseconds(timeoutNs);
+    if (const int error = enter(*state_, Call::waitReadable, "waitReadable " + std::to_string(timeoutNs)))
+        return error;
+    for (;;) {
+        if (state_->closed)
+            return EBADF;
+        if (std::any_of(s.answers.begin(), s.answers.end(),
+                        [&](const Answer& answer) { return isFor(answer, *state_); }))
+            return 0;
+        if (s.instant || std::chrono::steady_clock::now() >= deadline)
+            return wouldBlockError;
+        s.changed.wait_until(lock, deadline);
+    }
+}
+
+int DatagramSocket::receiveBatch(DatagramBatch& batch, std::size_t& count)
+{
+    Script& s = script();
+    const std::lock_guard<std::mutex> lock(s.mutex);
+    count = 0;
+    if (const int error = enter(*state_, Call::receiveBatch, "receiveBatch"))
+        return error;
+    auto next = s.answers.begin();
+    while (count < batch.capacity() && next != s.answers.end()) {
+        if (!isFor(*next, *state_)) {
+            ++next;
+            continue;
+        }
+        std::size_t done = 0;
+        for (const MemoryPiece& piece : batch.state_->pieces[count]) {
+            const std::size_t size = std::min(piece.size, next->data.size() - done);
+            if (size != 0)
+                std::memcpy(piece.data, next->data.data() + done, size);
+            done += size;
+        }
+        batch.state_->sizes[count] = next->data.size();
+        batch.state_->peers[count] = next->from;
+        next = s.answers.erase(next);
+        ++count;
+    }
+    return count == 0 ? wouldBlockError : 0;
 }
 
 int DatagramSocket::shutdownSend()

@@ -34,6 +34,12 @@ enum class Call {
     setDontFragment,
     getDontFragment,
     getPendingBytes,
+    getReceiveBuffer,
+    getDropped,
+    joinGroup,
+    connect,
+    waitReadable,
+    receiveBatch,
     sendTo,
     shutdownSend,
 };
@@ -47,7 +53,7 @@ void reset();
 void fail(Call call, int error, std::size_t times = 1, std::size_t after = 0);
 
 /// Queues an answer for `receive` of one socket, or of whichever asks first. A datagram is cut to the receiver's buffer
-/// as the real one would be; an answer of another kind is returned as it stands.
+/// as the real one would be; an answer of another kind is returned as it stands. `receiveBatch` takes datagrams only.
 void pushDatagram(std::vector<std::uint8_t> data, const zuPlatform::SocketAddress& from = {},
                   std::size_t socket = anySocket);
 void pushReceive(const zuPlatform::ReceiveResult& result, std::size_t socket = anySocket);
@@ -65,6 +71,10 @@ void setLocalAddress(const zuPlatform::SocketAddress& address);
 
 /// What `getPendingBytes` reports. Without one it is the bytes queued for the socket.
 void setPendingBytes(std::size_t bytes);
+
+/// What `getReceiveBuffer` and `getDropped` report. Without one it is what was set, and 0.
+void setGrantedBuffer(int bytes);
+void setDropped(std::uint32_t count);
 
 std::vector<SentDatagram> sent();
 

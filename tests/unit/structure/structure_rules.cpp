@@ -18,6 +18,7 @@ struct Room {
 const std::vector<Room> rooms = {
     {"platform/", {}},
     {"logging/", {"platform/"}},
+    {"stream/", {"platform/"}},
     {"GevTLBase/IPCPipe/", {"platform/", "logging/"}},
     {"GevTLBase/", {"platform/", "logging/"}},
     {"src/", {"platform/", "logging/", "GevTLBase/IPCPipe/", "GevTLBase/"}},

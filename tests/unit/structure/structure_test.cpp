@@ -58,6 +58,7 @@ TEST(Structure, RoomsMayIncludeWhatTheTableAllows)
     EXPECT_THAT(violations("platform/linux/a.cpp", "#include \"platform/socket.h\"\n#include <sys/socket.h>\n"),
                 IsEmpty());
     EXPECT_THAT(violations("logging/a.cpp", "#include \"platform/socket.h\"\n#include \"logging/b.h\"\n"), IsEmpty());
+    EXPECT_THAT(violations("stream/a.cpp", "#include \"platform/socket.h\"\n#include \"stream/b.h\"\n"), IsEmpty());
     EXPECT_THAT(violations("GevTLBase/IPCPipe/a.h", "#include \"logging/log.h\"\n"), IsEmpty());
     EXPECT_THAT(violations("src/a.cpp", "#include \"GevTLBase/GVCP.h\"\n#include \"GevTLBase/IPCPipe/a.h\"\n"),
                 IsEmpty());
@@ -79,7 +80,11 @@ TEST(Structure, EveryOtherIncludeIsFound)
         {"GevTLBase/IPCPipe/a.h", "src/a.h"},
         {"GevTLBase/a.h", "GevTLBase/IPCPipe/a.h"},
         {"GevTLBase/a.h", "src/a.h"},
+        {"stream/a.h", "logging/log.h"},
+        {"stream/a.h", "GevTLBase/GVCP.h"},
+        {"stream/a.h", "client/a.h"},
         {"src/a.h", "client/a.h"},
+        {"src/a.h", "stream/a.h"},
         {"src/a.h", "tools/gevsim/a.h"},
         {"client/a.h", "GevTLBase/GVCP.h"},
         {"client/a.h", "src/a.h"},
