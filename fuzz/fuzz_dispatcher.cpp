@@ -16,6 +16,7 @@
 #include "GevTLBase/IPCPipe/Instance.h"
 #include "GevTLBase/IPCPipe/PipeThread.h"
 #include "fuzz/fuzz_input.h"
+#include "platform/thread.h"
 #include "tests/support/fake_socket.h"
 
 #include <cstring>
@@ -82,10 +83,9 @@ MsgHeader headerOf(const Bytes& bytes)
 Bytes bytesOf(const instance_msg& message) { return {message.buffer.begin(), message.buffer.end()}; }
 
 /// Ends an instance's thread where it waits, or is about to wait, for a command.
-void endAtWait(PipeThread& thread, CDispatcher::InstanceInfo& info)
+void endAtWait(CInstance& instance, PipeThread& thread, CDispatcher::InstanceInfo& info)
 {
-    // A thread that looks for an interruption too early has looked at the count before, and is woken.
-    thread.Interrupt();
+    Probe::endThread(instance);
     info.aborted = 1;
     info.cmdCond.notify_all();
     thread.Join();
@@ -368,10 +368,13 @@ private:
     {
         const std::uint32_t flags = headerOf(*one.cmd).flags;
         if ((flags & (kMsgControl | kMsgTerminate)) == kMsgControl) {
-            // Goes on to wait, which needs a thread that can be asked to end there.
+            // Goes on to wait, which needs a thread that can be ended there.
+            const auto info = dispatcher->Slot(one.index);
             const auto thread =
                 PipeThread::Start(PipeThread::Kind::instance, [&] { Probe::threadProc(*one.instance); });
-            endAtWait(*thread, *dispatcher->Slot(one.index));
+            while (info->cmdPending)
+                zuPlatform::yieldThread();
+            endAtWait(*one.instance, *thread, *info);
             return;
         }
         Probe::threadProc(*one.instance);
@@ -537,7 +540,7 @@ private:
         one->index = free;
         // From here on its thread's work is done when a step says so.
         if (const std::unique_ptr<PipeThread> thread = Probe::takeThread(*one->instance))
-            endAtWait(*thread, *dispatcher->Slot(free));
+            endAtWait(*one->instance, *thread, *dispatcher->Slot(free));
         slots.resize(std::max(slots.size(), free + 1));
         slots[free] = one.get();
         held.push_back(std::move(one));

@@ -16,7 +16,7 @@ namespace zuIPCPipe {
 
 namespace {
 
-constexpr std::uint64_t readCmdStepNs = 300000000;
+constexpr std::uint32_t readCmdStepMs = 300;
 constexpr std::uint32_t sendRetryPauseMs = 2;
 
 } // namespace
@@ -152,7 +152,7 @@ bool CDispatcher::ReadCmd(std::shared_ptr<instance_msg>& message, std::uint64_t 
     }
     // No command ever comes to an empty place.
     if (!info) {
-        boost::this_thread::sleep_for(boost::chrono::nanoseconds(readCmdStepNs));
+        zuPlatform::sleepMs(readCmdStepMs);
         return false;
     }
     // Read in one step with the look at the slot: whatever comes after it ends the wait.
@@ -168,8 +168,8 @@ bool CDispatcher::ReadCmd(std::shared_ptr<instance_msg>& message, std::uint64_t 
     };
     if (take())
         return true;
-    boost::this_thread::interruption_point(); // the wait below is none
-    if (!info->cmdCond.waitUntil(seen, zuPlatform::steadyNanoseconds() + readCmdStepNs))
+    constexpr std::uint64_t nsPerMs = 1000000;
+    if (!info->cmdCond.waitUntil(seen, zuPlatform::steadyNanoseconds() + readCmdStepMs * nsPerMs))
         return false;
     if (info->aborted != 0)
         return false;

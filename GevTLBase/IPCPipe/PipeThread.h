@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <functional>
 #include <memory>
 
@@ -27,7 +26,6 @@ public:
     void Join();
 
     bool IsCurrent() const; ///< whether the caller is this body
-    void Interrupt();       ///< boost's interruption, for the body alone
 
     /// While one of these lives, threads wait for a next body. The end of the last ends those that wait.
     class Keeper {
@@ -40,12 +38,12 @@ public:
 
     /// How many threads of a kind wait for a next body at most, and how long each does.
     static constexpr std::size_t maxParked = 4;
-    static constexpr std::uint64_t parkedSeconds = 10;
+    static constexpr unsigned parkedSeconds = 10;
 
 private:
     struct Run;
     struct Worker;
-    struct Parking;
+    struct Pool;
     explicit PipeThread(std::shared_ptr<Run> run) : run_(std::move(run)) {}
 
     std::shared_ptr<Run> run_;

@@ -83,15 +83,6 @@ TEST(InstanceHandler, LetsAnInterruptionThroughToTheThread)
     EXPECT_FALSE(bench.ack.receive(0));
 }
 
-TEST(InstanceHandler, EndsOnAnInterruptionWhileItWaitsForACommand)
-{
-    LogRecorder logs;
-    Bench bench;
-    const auto instance = bench.addInstance(7);
-    DispatcherProbe::interruptInstance(*instance);
-    EXPECT_TRUE(logs.waitFor("Instance Thread caught boost::thread interrupted"));
-}
-
 TEST(InstanceHandler, LogsAnAcknowledgeThatCannotBeSentAndGoesOn)
 {
     LogRecorder logs;

@@ -68,12 +68,6 @@ struct DispatcherProbe {
     {
         return dynamic_cast<zuIPCPipe::CInstance&>(source).index;
     }
-    static void interruptInstance(zuIPCPipe::IMsgSrc& source)
-    {
-        auto& instance = dynamic_cast<zuIPCPipe::CInstance&>(source);
-        const std::lock_guard<std::mutex> lock(instance.stateLock);
-        instance.thread->Interrupt();
-    }
 };
 
 struct MgrProbe {

@@ -4,8 +4,6 @@
 #include "platform/thread.h"
 #include "tests/unit/IPCPipe/pipe_support.h"
 
-#include <boost/thread/thread.hpp>
-
 #include <set>
 
 namespace zuTest {
@@ -112,41 +110,6 @@ TEST(PipeThread, KnowsItsOwnBodyAndIsNotWaitedForThere)
         handle.set_value(thread.release());
         EXPECT_TRUE(current.get_future().get());
     }
-}
-
-TEST(PipeThread, AnInterruptionIsForItsBodyAlone)
-{
-    const PipeThread::Keeper keeper;
-    std::set<std::uint64_t> interrupted;
-    int usedAgain = 0;
-    const auto round = [&] {
-        std::promise<void> started;
-        std::promise<void> caught;
-        std::promise<void> go;
-        std::uint64_t id = 0;
-        const auto thread = PipeThread::Start(Kind::instance, [&] {
-            id = zuPlatform::currentThreadId();
-            EXPECT_FALSE(boost::this_thread::interruption_requested());
-            started.set_value();
-            try {
-                boost::this_thread::sleep_for(boost::chrono::minutes(1));
-            } catch (const boost::thread_interrupted&) {
-                caught.set_value();
-            }
-            go.get_future().wait();
-        });
-        started.get_future().wait();
-        thread->Interrupt();
-        caught.get_future().wait();
-        thread->Interrupt(); // comes too late for any wait of the body
-        go.set_value();
-        thread->Join();
-        thread->Interrupt(); // comes when nothing runs
-        if (!interrupted.insert(id).second)
-            ++usedAgain;
-        return usedAgain >= 5;
-    };
-    EXPECT_TRUE(eventually(round));
 }
 
 TEST(PipeThread, TheLastKeeperEndsThoseThatWait)
