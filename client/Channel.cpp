@@ -2,7 +2,6 @@
 // wait that failed the two sides are brought back into step before the next command.
 #include "client/Channel.h"
 
-#include "GevTLBase/IPCPipe/ClientConnect.h"
 #include "GevTLBase/IPCPipe/IPCException.h"
 #include "platform/thread.h"
 
@@ -116,7 +115,7 @@ bool Channel::send(Request& request, Reply& reply, Milliseconds timeout)
 // again.
 bool Channel::obtainReply(Request& request, Reply& reply, std::uint32_t wait)
 {
-    zuIPCPipe::IMsgSrc& source = *attachment_.source;
+    zuIPCPipe::CInstance& source = *attachment_.source;
     std::size_t length = Reply::room();
     try {
         source.Send(request.message().Data(), request.message().UsedLength(), reply.data(), length, wait);
@@ -126,7 +125,7 @@ bool Channel::obtainReply(Request& request, Reply& reply, std::uint32_t wait)
     for (;;) {
         length = Reply::room();
         try {
-            return zuIPCPipe::AwaitReply(source, reply.data(), length, wait);
+            return source.AwaitReply(reply.data(), length, wait);
         } catch (const zuIPCPipe::IPCTimeoutException&) {
         }
     }

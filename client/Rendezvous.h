@@ -2,7 +2,7 @@
 // Any thread.
 #pragma once
 
-#include "GevTLBase/IPCPipe/IMsgSrc.h"
+#include "GevTLBase/IPCPipe/Instance.h"
 #include "GevTLBase/IPCPipe/Mgr.h"
 #include "client/GevClient.h"
 
@@ -15,7 +15,7 @@ namespace zuGevClient {
 /// One end of the pipe, and what it must not outlive.
 struct Attachment {
     std::shared_ptr<zuIPCPipe::CMgr> manager; ///< its end would end the source, so it goes last
-    std::shared_ptr<zuIPCPipe::IMsgSrc> source;
+    std::shared_ptr<zuIPCPipe::CInstance> source;
     std::uint16_t daemonPort = 0; ///< network byte order, as published at the time
     std::future<void> parted;     ///< ready once the source has said goodbye; none without `listen`
 };
@@ -27,9 +27,10 @@ Attachment attach();
 /// Sets the handler of the daemon's messages, once.
 void listen(Attachment& attachment, zuIPCPipe::IMsgSrc::MsgHandler handler);
 
-/// Disconnects, which takes up to 800 ms. Several may go at once, but none while one comes: the daemon's end of a
-/// shared road goes with the last connection on it, and a newcomer must not take that road in this moment. Not for
-/// the pipe's own threads: a message in its handler is waited for.
+/// Disconnects, which takes up to 800 ms. Several threads may do so at once, but each waits for an `attach` and
+/// `attach` for them: the daemon drops its end of a dispatcher with the last connection over it, and a new connection
+/// over the same dispatcher must not begin meanwhile. Not for the pipe's own threads: a message in its handler is
+/// waited for.
 void detach(Attachment& attachment) noexcept;
 
 /// The port that a daemon has published, dead or alive; 0 if there is none. Network byte order.

@@ -2,7 +2,6 @@
 #include "GevTLBase/IPCPipe/ClientConnect.h"
 
 #include "GevTLBase/IPCPipe/IPCException.h"
-#include "GevTLBase/IPCPipe/Instance.h"
 #include "GevTLBase/IPCPipe/MgrFactory.h"
 #include "platform/process.h"
 
@@ -21,29 +20,24 @@ std::shared_ptr<CMgr> MakeClientManager()
 }
 
 // A dispatcher at hand may have lost its peer without notice; one that was made for this connection has not.
-std::shared_ptr<IMsgSrc> Connect(CMgr& manager, std::uint32_t timeout)
+std::shared_ptr<CInstance> Connect(CMgr& manager, std::uint32_t timeout)
 {
     for (int attempt = 1;; ++attempt) {
         std::shared_ptr<CDispatcher> dispatcher;
         manager.GetDispatcher(dispatcher, zuPlatform::currentProcessId());
         try {
-            if (std::shared_ptr<IMsgSrc> source = dispatcher->Connect(timeout))
-                return source;
+            if (std::shared_ptr<CInstance> instance = dispatcher->Client().Connect(timeout))
+                return instance;
             // Its last connection ended just now: no attempt.
-            dispatcher->Retire();
+            dispatcher->Client().Retire();
             --attempt;
         } catch (const IPCException&) {
             const bool shared = dispatcher->SlotCount() > 1;
-            dispatcher->Retire();
+            dispatcher->Client().Retire();
             if (attempt == maxAttempts || !shared)
                 throw;
         }
     }
-}
-
-bool AwaitReply(IMsgSrc& source, void* reply, std::size_t& replyLength, std::uint32_t timeout)
-{
-    return dynamic_cast<CInstance&>(source).AwaitReply(reply, replyLength, timeout);
 }
 
 } // namespace zuIPCPipe

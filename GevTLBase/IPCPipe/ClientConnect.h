@@ -1,6 +1,7 @@
 // How a client process gets a connection. Any thread; several may connect through one manager at once.
 #pragma once
 
+#include "GevTLBase/IPCPipe/Instance.h"
 #include "GevTLBase/IPCPipe/Mgr.h"
 
 #include <cstdint>
@@ -18,9 +19,6 @@ std::shared_ptr<CMgr> MakeClientManager();
 /// to 300 ms for an announce. The end of the manager ends the connection. Throws `IPCException` "Socket recv failed" if
 /// no server answers the announce, `IPCTimeoutException` "Socket sendto failed" if none had published its port, and
 /// "Wait for Ack failed" if none answers the request.
-std::shared_ptr<IMsgSrc> Connect(CMgr& manager, std::uint32_t timeout);
-
-/// `CInstance::AwaitReply` of a connection that `Connect` gave.
-bool AwaitReply(IMsgSrc& source, void* reply, std::size_t& replyLength, std::uint32_t timeout);
+std::shared_ptr<CInstance> Connect(CMgr& manager, std::uint32_t timeout);
 
 } // namespace zuIPCPipe

@@ -1,12 +1,12 @@
 // One process's end of the traffic with one peer process: two loopback sockets, two threads that do nothing but
 // receive, a pool of buffers and a table of instances.
 //
-// Locks, outermost first: `requestLock`, `instanceLock`, the mutexes of an InstanceInfo or `dispAckMutex`, `poolLock`.
-// `clientLock` comes inside `requestLock` and is held across `SendRequest`, which takes `socketLock`. `slotLock` and
-// `socketLock` are leaves. Threads are started under `threadLock`, so PipeThread's locks come inside it, and no others.
-// A sender holds its instance's send lock outside all of these but `requestLock`.
+// Locks, outermost first: `instanceLock`, the mutexes of an InstanceInfo or `dispAckMutex`, `poolLock`. `slotLock` and
+// `socketLock` are leaves. Threads are started under `threadLock`, so PipeThread's comes inside it, and no other. A
+// sender holds its instance's send lock outside all of these.
 #pragma once
 
+#include "GevTLBase/IPCPipe/ClientRole.h"
 #include "GevTLBase/IPCPipe/IMsgSrc.h"
 #include "GevTLBase/IPCPipe/InstanceMsg.h"
 #include "GevTLBase/IPCPipe/PipeThread.h"
@@ -58,8 +58,8 @@ public:
         std::atomic<std::uint64_t> remoteIndex{0};
         boost::signals2::signal<void()> abortSignal;
         std::atomic<std::uint64_t> aborted{0};
-        /// Notifications owed for acknowledges already stored. One that comes after its message was read wakes the next
-        /// wait for nothing, and is not to be taken for a wake-up of its own.
+        /// Notifications of `ackCond` that are still to come for acknowledges that are stored already. Who begins to
+        /// wait meanwhile may be woken by as many of them without finding anything, and waits on.
         std::atomic<unsigned> ackNotices{0};
     };
 
@@ -102,18 +102,7 @@ public:
     void HandleCmd(std::shared_ptr<instance_msg>& message);
     void HandleAck(std::shared_ptr<instance_msg>& message);
 
-    /// Client role: asks the peer for an instance and waits up to `timeout` milliseconds. Null if this dispatcher takes
-    /// no more, as its peer went with the last connection. Throws `IPCTimeoutException` "Wait for Ack failed",
-    /// `IPCSocketException`. Several threads may connect at once.
-    std::shared_ptr<IMsgSrc> Connect(std::uint32_t timeout);
-
-    /// Client role: one connection that `Connect` has made is about to end. After the last the dispatcher takes no
-    /// more.
-    void Leave();
-
-    /// Client role: ends the peer's dispatcher with all its instances, then this one. False if the peer did not answer
-    /// within `timeout` milliseconds; this side is shut down all the same.
-    bool Terminate(std::uint32_t timeout);
+    CClientRole& Client() { return *client; } ///< not in the server role
 
     std::uint16_t CmdPort() const { return cmdPort; }
     std::uint16_t AckPort() const { return ackPort; }
@@ -122,10 +111,10 @@ public:
     std::uint64_t InstanceCount() const { return instanceCount; }
     std::size_t SlotCount() const; ///< length of the instance vector, free slots included
     std::uint64_t MaxInstances() const { return maxInstances; }
-    void Retire() { maxInstances = 0; } ///< client role: takes no more instances
 
 private:
     friend struct zuTest::DispatcherProbe;
+    friend class CClientRole;
 
     void OpenSockets();
     void Start();
@@ -139,9 +128,6 @@ private:
     void AnswerDispatcherCmd(instance_msg& message);
     void SendFrom(instance_msg& message, const zuPlatform::SocketAddress& to);
     void AddBuffers(unsigned count);
-    void SendRequest(instance_msg& message);
-    std::shared_ptr<instance_msg> AwaitAnswer(const instance_msg& message, std::uint32_t timeout);
-    bool Enter(instance_msg& message);
 
     std::atomic<bool> stopped{true};
     std::atomic<std::uint64_t> running{0};
@@ -174,10 +160,7 @@ private:
     std::uint64_t sendRetries = 5;
     std::mutex socketLock;
     std::mutex threadLock;
-    boost::mutex requestLock;      ///< client role: one dispatcher-level exchange at a time
-    std::uint32_t requestSeq = 0;  ///< under `requestLock`
-    std::mutex clientLock;         ///< client role: orders a request against the end of the last connection
-    std::uint64_t connections = 0; ///< client role, asked for or made; under `clientLock`
+    std::unique_ptr<CClientRole> client; ///< null in the server role
 };
 
 } // namespace zuIPCPipe

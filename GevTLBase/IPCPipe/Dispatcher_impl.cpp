@@ -14,13 +14,15 @@ namespace zuIPCPipe {
 std::shared_ptr<CDispatcher> CDispatcher::Make(Callback keep, Callback forget, std::uint32_t pid)
 {
     auto dispatcher = std::make_shared<CDispatcher>(Token(), std::move(keep), std::move(forget), pid);
+    dispatcher->client = std::make_unique<CClientRole>(*dispatcher);
     dispatcher->Start();
     return dispatcher;
 }
 
 std::shared_ptr<CDispatcher> CDispatcher::Make(Callback keep, Callback forget, NewInstance callback, std::uint32_t pid)
 {
-    auto dispatcher = Make(std::move(keep), std::move(forget), pid);
+    auto dispatcher = std::make_shared<CDispatcher>(Token(), std::move(keep), std::move(forget), pid);
+    dispatcher->Start();
     dispatcher->newInstanceConnection = dispatcher->newInstance.connect(std::move(callback));
     return dispatcher;
 }

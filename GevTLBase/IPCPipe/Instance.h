@@ -1,7 +1,7 @@
 // One logical connection over a dispatcher, with a thread of its own that reads commands and calls the handler.
 //
-// `sendLock` comes before every lock of the dispatcher but `requestLock`. The own thread is started under `stateLock`,
-// so PipeThread's locks come inside it, and no others.
+// `sendLock` comes before every lock of the dispatcher. The own thread is started under `stateLock`, so PipeThread's
+// comes inside it, and no other. The mutex of the AbortLink is a leaf.
 #pragma once
 
 #include "GevTLBase/IPCPipe/Dispatcher.h"
@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -25,7 +26,7 @@ class CInstance : public IMsgSrc {
     };
     /// What the dispatcher's abort signal holds: the way to the instance while it lives.
     struct AbortLink {
-        std::mutex mutex; ///< guards `owner`; leaf
+        std::mutex mutex; ///< guards `owner`
         std::weak_ptr<CInstance> owner;
     };
 
@@ -62,8 +63,8 @@ public:
     /// Starts `ThreadProc`; once.
     void Start();
 
-    /// Client role: from now on the end of this instance is one of its dispatcher's connections less.
-    void SetEntered() { entered = true; }
+    /// Has `action` called once, by whoever ends this instance, before anything else of the end.
+    void CallAtEnd(std::function<void()> action);
 
 private:
     friend struct zuTest::DispatcherProbe;
@@ -74,24 +75,27 @@ private:
     void Terminated(CDispatcher& source, std::shared_ptr<instance_msg>& message);
     void LeaveOwnThread();
     void FireDisconnect();
-    void Keep(boost::signals2::connection& kept, boost::signals2::connection connection);
-    void Cut(const boost::signals2::connection& kept);
-    void LeaveDispatcher();
+    void StoreConnection(boost::signals2::connection& stored, boost::signals2::connection connection);
+    void DisconnectStored(const boost::signals2::connection& stored);
+    void RunAtEnd();
+    void BeginEnd();
+    std::shared_ptr<CDispatcher> GiveUpDispatcher();
     void WakeThread();
     void TakeReply(CDispatcher& peer, void* reply, std::size_t& replyLength, std::uint32_t timeout);
+    template <typename NewWait>
+    std::shared_ptr<instance_msg> AwaitAck(CDispatcher& peer, std::uint32_t wait, NewWait newWait);
     void FillPayload(instance_msg& message, const void* data, std::size_t length);
     std::shared_ptr<CDispatcher> Dispatcher() const;
-    std::shared_ptr<CDispatcher> TakeDispatcher(bool& toRelease);
     std::unique_ptr<PipeThread> TakeThread();
 
     std::shared_ptr<CDispatcher> dispatcher; ///< null after Abort or Release; under `stateLock`
     const std::uint64_t index;
-    std::weak_ptr<CDispatcher::InstanceInfo> place; ///< what stood at `index` when this instance was made
-    std::uint32_t seq = 0;                          ///< under `sendLock`
-    bool extended = false;                          ///< the last wait for a reply was; under `sendLock`
+    std::weak_ptr<CDispatcher::InstanceInfo> ownSlot; ///< its `index` may have become another's
+    std::uint32_t seq = 0;                            ///< under `sendLock`
+    bool extended = false;                            ///< the last wait for a reply was; under `sendLock`
     std::atomic<bool> disconnected{false};
     std::atomic<bool> notifyPending{true};
-    std::atomic<bool> entered{false};
+    std::function<void()> atEnd;        ///< under `stateLock`
     boost::recursive_mutex sendLock;    ///< held for a whole send, the wait included
     std::unique_ptr<PipeThread> thread; ///< under `stateLock`
     std::atomic<std::uint64_t> running{1};

@@ -42,7 +42,7 @@ CInstance::CInstance(Token, std::shared_ptr<CDispatcher> owner, std::uint64_t ow
         if (instance)
             instance->Abort();
     });
-    place = dispatcher->Slot(index);
+    ownSlot = dispatcher->Slot(index);
 }
 
 CInstance::~CInstance()
@@ -95,10 +95,10 @@ bool CInstance::AwaitReply(void* reply, std::size_t& replyLength, std::uint32_t 
     return true;
 }
 
-void CInstance::TakeReply(CDispatcher& peer, void* reply, std::size_t& replyLength, std::uint32_t timeout)
+// Waits for the next acknowledge. At an extension `newWait` tells from its header how long from then on.
+template <typename NewWait>
+std::shared_ptr<instance_msg> CInstance::AwaitAck(CDispatcher& peer, std::uint32_t wait, NewWait newWait)
 {
-    extended = false;
-    std::uint32_t wait = timeout;
     for (;;) {
         std::shared_ptr<instance_msg> answer;
         if (!peer.ReadAck(answer, wait, index)) {
@@ -106,18 +106,26 @@ void CInstance::TakeReply(CDispatcher& peer, void* reply, std::size_t& replyLeng
             throw IPCTimeoutException("Wait for Ack failed");
         }
         if ((answer->header().flags & kMsgExtend) != 0) {
-            extended = true;
-            wait = answer->header().timeout;
+            wait = newWait(answer->header());
             peer.ReturnMsg(answer);
         } else if ((answer->header().flags & kMsgAck) != 0) {
-            if (reply) {
-                replyLength = std::min(replyLength, kMsgPayloadSize);
-                std::memcpy(reply, answer->payload(), replyLength);
-            }
-            peer.ReturnMsg(answer);
-            return;
+            return answer;
         }
     }
+}
+
+void CInstance::TakeReply(CDispatcher& peer, void* reply, std::size_t& replyLength, std::uint32_t timeout)
+{
+    extended = false;
+    std::shared_ptr<instance_msg> answer = AwaitAck(peer, timeout, [this](const MsgHeader& extension) {
+        extended = true;
+        return extension.timeout;
+    });
+    if (reply) {
+        replyLength = std::min(replyLength, kMsgPayloadSize);
+        std::memcpy(reply, answer->payload(), replyLength);
+    }
+    peer.ReturnMsg(answer);
 }
 
 bool CInstance::Post(void* data, std::size_t length)
@@ -147,23 +155,11 @@ void CInstance::SendFlags(std::uint32_t flags)
     instance_msg message;
     message.header().flags = flags;
     peer->WriteCmd(message, index);
-
-    std::uint32_t wait = flagsTimeoutMs;
-    for (;;) {
-        std::shared_ptr<instance_msg> answer;
-        if (!peer->ReadAck(answer, wait, index)) {
-            ZU_LOG(log, zuLogging::log_err, "Wait for Ack failed");
-            throw IPCTimeoutException("Wait for Ack failed");
-        }
-        if ((answer->header().flags & kMsgExtend) != 0) {
-            // Not the answer's: whatever ends this wait must be there already.
-            wait = message.header().timeout;
-            peer->ReturnMsg(answer);
-        } else if ((answer->header().flags & kMsgAck) != 0) {
-            peer->ReturnMsg(answer);
-            return;
-        }
-    }
+    // At an extension the new wait is not the extension's but that of the own header, which is none: whatever ends the
+    // wait must be there already.
+    std::shared_ptr<instance_msg> answer =
+        AwaitAck(*peer, flagsTimeoutMs, [&message](const MsgHeader&) { return message.header().timeout; });
+    peer->ReturnMsg(answer);
 }
 
 bool CInstance::Ping()
@@ -188,30 +184,33 @@ void CInstance::ExtendTimeout(std::uint32_t commandSeq, std::uint32_t timeout)
     peer->WriteAck(message, index);
 }
 
-void CInstance::SetMsgHandler(MsgHandler handler) { Keep(msgConnection, msgSignal.connect(std::move(handler))); }
+void CInstance::SetMsgHandler(MsgHandler handler)
+{
+    StoreConnection(msgConnection, msgSignal.connect(std::move(handler)));
+}
 
-void CInstance::ClearMsgHandler() { Cut(msgConnection); }
+void CInstance::ClearMsgHandler() { DisconnectStored(msgConnection); }
 
 void CInstance::SetDisconnectHandler(DisconnectHandler handler)
 {
-    Keep(disconnectConnection, disconnectSignal.connect(std::move(handler)));
+    StoreConnection(disconnectConnection, disconnectSignal.connect(std::move(handler)));
 }
 
-void CInstance::ClearDisconnectHandler() { Cut(disconnectConnection); }
+void CInstance::ClearDisconnectHandler() { DisconnectStored(disconnectConnection); }
 
 // What stood there before stays connected.
-void CInstance::Keep(boost::signals2::connection& kept, boost::signals2::connection connection)
+void CInstance::StoreConnection(boost::signals2::connection& stored, boost::signals2::connection connection)
 {
     const std::lock_guard<std::mutex> lock(stateLock);
-    kept.swap(connection);
+    stored.swap(connection);
 }
 
-void CInstance::Cut(const boost::signals2::connection& kept)
+void CInstance::DisconnectStored(const boost::signals2::connection& stored)
 {
     boost::signals2::connection connection;
     {
         const std::lock_guard<std::mutex> lock(stateLock);
-        connection = kept;
+        connection = stored;
     }
     connection.disconnect();
 }
@@ -221,7 +220,7 @@ bool CInstance::IsConnected() { return !disconnected; }
 void CInstance::Disconnect()
 {
     ZU_LOG(log, zuLogging::log_info, "zuIPCPipe::CInstance::Disconnect " << static_cast<const void*>(this));
-    LeaveDispatcher();
+    RunAtEnd();
     if (!disconnected) {
         try {
             SendFlags(kMsgControl | kMsgTerminate);
@@ -248,31 +247,42 @@ void CInstance::Disconnect()
 
 void CInstance::Abort()
 {
-    LeaveDispatcher();
-    FireDisconnect();
-    disconnected = true;
-    running = 0;
+    BeginEnd();
     if (const std::shared_ptr<CDispatcher> peer = Dispatcher())
-        peer->AbortInstance(index, place.lock());
+        peer->AbortInstance(index, ownSlot.lock());
     EndThread(TakeThread());
-    bool toRelease = false;
-    const std::shared_ptr<CDispatcher> peer = TakeDispatcher(toRelease);
-    if (toRelease)
-        peer->ReleaseInstance(index);
+    const std::shared_ptr<CDispatcher> last = GiveUpDispatcher();
     FireDisconnect(); // for a handler that came meanwhile
 }
 
 void CInstance::Release()
 {
-    LeaveDispatcher();
+    BeginEnd();
+    const std::shared_ptr<CDispatcher> last = GiveUpDispatcher();
+    TakeThread().reset();
+}
+
+void CInstance::BeginEnd()
+{
+    RunAtEnd();
     FireDisconnect();
     disconnected = true;
     running = 0;
+}
+
+// Of several threads that end the instance at once one gives the slot back: a second time it may be another's.
+std::shared_ptr<CDispatcher> CInstance::GiveUpDispatcher()
+{
+    std::shared_ptr<CDispatcher> peer;
     bool toRelease = false;
-    const std::shared_ptr<CDispatcher> peer = TakeDispatcher(toRelease);
+    {
+        const std::lock_guard<std::mutex> lock(stateLock);
+        peer.swap(dispatcher);
+        toRelease = peer && !released;
+    }
     if (toRelease)
         peer->ReleaseInstance(index);
-    TakeThread().reset();
+    return peer;
 }
 
 // Two threads can come here at once, and the handler must not be called by both. One that failed is called again, and
@@ -292,7 +302,7 @@ void CInstance::FireDisconnect()
 // Spares a disconnect the rest of the thread's wait for a command.
 void CInstance::WakeThread()
 {
-    const std::shared_ptr<CDispatcher::InstanceInfo> info = place.lock();
+    const std::shared_ptr<CDispatcher::InstanceInfo> info = ownSlot.lock();
     if (!info)
         return;
     {
@@ -302,26 +312,27 @@ void CInstance::WakeThread()
     info->cmdCond.notify_all();
 }
 
-void CInstance::LeaveDispatcher()
+void CInstance::CallAtEnd(std::function<void()> action)
 {
-    if (!entered.exchange(false))
-        return;
-    if (const std::shared_ptr<CDispatcher> own = Dispatcher())
-        own->Leave();
+    const std::lock_guard<std::mutex> lock(stateLock);
+    atEnd = std::move(action);
+}
+
+void CInstance::RunAtEnd()
+{
+    std::function<void()> action;
+    {
+        const std::lock_guard<std::mutex> lock(stateLock);
+        action.swap(atEnd);
+    }
+    if (action)
+        action();
 }
 
 std::shared_ptr<CDispatcher> CInstance::Dispatcher() const
 {
     const std::lock_guard<std::mutex> lock(stateLock);
     return dispatcher;
-}
-
-// Of several threads that end the instance at once one gives the slot back: a second time it may be another's.
-std::shared_ptr<CDispatcher> CInstance::TakeDispatcher(bool& toRelease)
-{
-    const std::lock_guard<std::mutex> lock(stateLock);
-    toRelease = dispatcher && !released;
-    return std::move(dispatcher);
 }
 
 std::unique_ptr<PipeThread> CInstance::TakeThread()

@@ -127,18 +127,18 @@ TEST(ClientDispatcher, EndsBothSidesByTerminate)
     const auto client = MakeClientManager();
     const auto source = Connect(*client, 20000);
     const auto dispatcher = DispatcherProbe::dispatcherOf(*source);
-    EXPECT_TRUE(dispatcher->Terminate(20000));
+    EXPECT_TRUE(dispatcher->Client().Terminate(20000));
     EXPECT_FALSE(source->IsConnected());
     EXPECT_TRUE(server.waitForDisconnects(1));
     server.dropInstances();
     EXPECT_TRUE(eventually([&] { return !MgrProbe::dispatcher(server.manager(), 0); }));
-    EXPECT_FALSE(dispatcher->Terminate(0));
+    EXPECT_FALSE(dispatcher->Client().Terminate(0));
 }
 
 TEST(ClientDispatcher, TakesOnlyTheAcknowledgeOfItsOwnRequest)
 {
     Bench bench;
-    auto source = std::async(std::launch::async, [&] { return bench.dispatcher->Connect(20000); });
+    auto source = std::async(std::launch::async, [&] { return bench.dispatcher->Client().Connect(20000); });
     const Bytes request = bench.cmd.receive().value();
     EXPECT_EQ(request, message(0x102, 0, 1));
     bench.acknowledge(message(0x130, 50, 1)); // of a terminate
@@ -158,27 +158,40 @@ TEST(ClientDispatcher, GivesItsSlotBackWhenNobodyAnswersAndSendsNothingMore)
 {
     Bench bench;
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(thrown([&] { bench.dispatcher->Connect(150); }), "IPCTimeoutException: Wait for Ack failed");
+    EXPECT_EQ(thrown([&] { bench.dispatcher->Client().Connect(150); }), "IPCTimeoutException: Wait for Ack failed");
     EXPECT_GE(std::chrono::steady_clock::now() - start, 150ms);
     EXPECT_EQ(bench.dispatcher->InstanceCount(), 0u);
     EXPECT_EQ(bench.cmd.receive().value(), message(0x102, 0, 1));
     EXPECT_FALSE(bench.cmd.receive(0)) << "the peer's index is not known: an end sent to it could hit another";
-    EXPECT_FALSE(bench.dispatcher->Connect(20000)) << "without a connection the peer's dispatcher is gone";
+    EXPECT_FALSE(bench.dispatcher->Client().Connect(20000)) << "without a connection the peer's dispatcher is gone";
     EXPECT_FALSE(bench.cmd.receive(0));
+}
+
+TEST(ClientDispatcher, NoticesWithinAQuarterOfASecondThatItWasShutDown)
+{
+    const auto connect = [] {
+        Bench bench;
+        auto words =
+            std::async(std::launch::async, [&] { return thrown([&] { bench.dispatcher->Client().Connect(60000); }); });
+        ASSERT_TRUE(bench.cmd.receive());
+        bench.dispatcher->Shutdown();
+        EXPECT_EQ(words.get(), "IPCTimeoutException: Wait for Ack failed");
+    };
+    EXPECT_LT(quickest(450ms, connect), 450ms);
 }
 
 TEST(ClientDispatcher, StaysInUseBesideALiveConnectionAndIgnoresALateAnswer)
 {
     Bench bench;
     const auto connect = [&] {
-        return std::async(std::launch::async, [&] { return bench.dispatcher->Connect(20000); });
+        return std::async(std::launch::async, [&] { return bench.dispatcher->Client().Connect(20000); });
     };
     auto first = connect();
     EXPECT_EQ(bench.cmd.receive().value(), message(0x102, 0, 1));
     bench.acknowledge(message(0x122, 5, 1));
     const auto anchor = first.get();
     ASSERT_TRUE(anchor);
-    EXPECT_EQ(thrown([&] { bench.dispatcher->Connect(50); }), "IPCTimeoutException: Wait for Ack failed");
+    EXPECT_EQ(thrown([&] { bench.dispatcher->Client().Connect(50); }), "IPCTimeoutException: Wait for Ack failed");
     EXPECT_EQ(bench.cmd.receive().value(), message(0x102, 1, 2));
     auto third = connect();
     EXPECT_EQ(bench.cmd.receive().value(), message(0x102, 1, 3));
@@ -187,7 +200,7 @@ TEST(ClientDispatcher, StaysInUseBesideALiveConnectionAndIgnoresALateAnswer)
     EXPECT_TRUE(third.get());
     EXPECT_EQ(DispatcherProbe::slot(*bench.dispatcher, 1), nullptr) << "the connection was dropped at once";
     bench.dispatcher->Shutdown();
-    EXPECT_FALSE(bench.dispatcher->Connect(20000));
+    EXPECT_FALSE(bench.dispatcher->Client().Connect(20000));
 }
 
 } // namespace
