@@ -1,7 +1,6 @@
 // Measures the running daemon against bare processes in the same run. Prints one table for each section.
 #include "bench/bare.h"
 #include "bench/measure.h"
-#include "bench/process.h"
 #include "bench/raw_pipe.h"
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -43,12 +43,12 @@ struct Server {
     explicit Server(const std::function<void(Udp&)>& body) : socket(std::make_unique<Udp>())
     {
         port = socket->port();
-        process = Process::fork([&] { body(*socket); });
+        process.emplace([&] { body(*socket); });
         socket.reset();
     }
     std::unique_ptr<Udp> socket;
     std::uint16_t port = 0;
-    Process process;
+    std::optional<Part> process;
 };
 
 void access(const Options& options)
@@ -56,8 +56,8 @@ void access(const Options& options)
     Server camera([](Udp& socket) { runCamera(socket); });
     const std::uint16_t cameraPort = camera.port;
     Server relay([cameraPort](Udp& socket) { runRelay(socket, cameraPort); });
-    Process daemon = startDaemon(options.daemon);
-    Process client = Process::fork([&] {
+    const MeasuredDaemon daemon(options.daemon);
+    Part client([&] {
         Udp socket;
         RawPipe pipe(daemonPort());
         pipe.link(cameraPort);
@@ -83,8 +83,8 @@ void memory(const Options& options)
     constexpr std::uint32_t total = 1024 * 1024;
     constexpr std::uint32_t perCommand = 1728; // three of the daemon's steps of 576 bytes, 512 and 64 each
     Server camera([](Udp& socket) { runCamera(socket); });
-    Process daemon = startDaemon(options.daemon);
-    Process client = Process::fork([&] {
+    const MeasuredDaemon daemon(options.daemon);
+    Part client([&] {
         Udp socket;
         RawPipe pipe(daemonPort());
         pipe.link(camera.port);
@@ -125,10 +125,10 @@ std::vector<double> measure(Window& window, unsigned count, double seconds,
     window.go = false;
     window.stop = false;
     window.ready = 0;
-    std::vector<Process> clients;
+    std::vector<std::unique_ptr<Part>> clients;
     for (unsigned i = 0; i < count; ++i) {
         window.reads[i] = 0;
-        clients.push_back(Process::fork([&, i] {
+        clients.push_back(std::make_unique<Part>([&, i] {
             bool waited = false;
             body(i, [&] {
                 if (!waited) {
@@ -151,8 +151,8 @@ std::vector<double> measure(Window& window, unsigned count, double seconds,
     std::vector<double> rates;
     for (unsigned i = 0; i < count; ++i)
         rates.push_back(static_cast<double>(window.reads[i]) / seconds);
-    for (Process& client : clients)
-        client.wait();
+    for (const auto& client : clients)
+        client->wait();
     return rates;
 }
 
@@ -176,7 +176,7 @@ void clients(const Options& options)
             const std::uint16_t port = cameras.back()->port;
             relays.push_back(std::make_unique<Server>([port](Udp& socket) { runRelay(socket, port); }));
         }
-        Process daemon = startDaemon(options.daemon);
+        const MeasuredDaemon daemon(options.daemon);
         const double seconds = 1.0;
         double floor = 0;
         double through = 0;
@@ -205,8 +205,8 @@ void clients(const Options& options)
 void connectTime(const Options& options)
 {
     Server echo([](Udp& socket) { runPipeEcho(socket); });
-    Process daemon = startDaemon(options.daemon);
-    Process client = Process::fork([&] {
+    const MeasuredDaemon daemon(options.daemon);
+    Part client([&] {
         Latencies floor, through;
         const auto connectAndAsk = [](std::uint16_t port, Latencies& latencies) {
             const double start = nowSeconds();
@@ -234,7 +234,7 @@ void connectTime(const Options& options)
 void footprint(const Options& options)
 {
     Server camera([](Udp& socket) { runCamera(socket); });
-    Process daemon = startDaemon(options.daemon);
+    const MeasuredDaemon daemon(options.daemon);
     std::vector<std::unique_ptr<RawPipe>> pipes;
     const auto connect = [&](unsigned count, bool linked) {
         for (unsigned i = 0; i < count; ++i) {
@@ -284,7 +284,7 @@ void footprint(const Options& options)
 void idle(const Options& options)
 {
     Server camera([](Udp& socket) { runCamera(socket); });
-    Process daemon = startDaemon(options.daemon);
+    const MeasuredDaemon daemon(options.daemon);
     std::vector<std::unique_ptr<RawPipe>> pipes;
     for (unsigned i = 0; i < 50; ++i) {
         pipes.push_back(std::make_unique<RawPipe>(daemonPort()));
@@ -306,7 +306,7 @@ int main(int argc, char** argv)
 {
     namespace po = boost::program_options;
     Options options;
-    options.daemon = daemonBesideThisProgram();
+    options.daemon = zuTest::builtProgram("zuGevSvc");
     std::string affinity = "both";
     po::options_description description("Measures the daemon against bare processes in the same run");
     description.add_options()("help,h", "print this")("daemon",

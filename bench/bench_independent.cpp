@@ -3,7 +3,6 @@
 #include "bench/bare.h"
 #include "bench/measure.h"
 #include "bench/own_network.h"
-#include "bench/process.h"
 #include "bench/raw_pipe.h"
 
 #include <algorithm>
@@ -30,7 +29,7 @@ constexpr std::uint32_t registerValue = 3000;
 constexpr unsigned warmUp = 50; // accesses of each batch that don't count
 
 struct Options {
-    std::string daemon = daemonBesideThisProgram();
+    std::string daemon = zuTest::builtProgram("zuGevSvc");
     std::string camera = "arv-fake-gv-camera-0.8";
     unsigned batches = 20;
     unsigned batchSize = 1000;
@@ -149,14 +148,14 @@ void measure(const Options& options, Udp& direct, std::uint16_t relayPort)
 
 void run(const Options& options)
 {
-    Process camera = Process::execute({options.camera, "-i", "127.0.0.1"});
+    const zuTest::ChildProcess camera({options.camera, "-i", "127.0.0.1"});
     waitForCamera(options.camera);
     auto front = std::make_unique<Udp>();
     const std::uint16_t relayPort = front->port();
-    Process relay = Process::fork([&] { runRelay(*front, gvcpPort); });
+    const Part relay([&] { runRelay(*front, gvcpPort); });
     front.reset();
-    Process daemon = startDaemon(options.daemon);
-    Process client = Process::fork([&] {
+    const MeasuredDaemon daemon(options.daemon);
+    Part client([&] {
         Udp direct;
         measure(options, direct, relayPort);
     });

@@ -2,10 +2,13 @@
 #include "bench/raw_pipe.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdint>
-#include <filesystem>
+#include <cstdlib>
 #include <stdexcept>
 
+#include <sched.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 namespace zuBench {
@@ -41,33 +44,77 @@ double Latencies::percentileOfLast(unsigned count, double part) const
     return at(last, part);
 }
 
-Process startDaemon(const std::string& program)
+namespace {
+
+/// Where the last daemon is or was; 0 if there is nothing to tell it.
+std::uint16_t lastPort()
 {
-    bool present = true;
-    std::uint16_t before = 0;
     try {
-        before = daemonPort();
+        return daemonPort();
     } catch (const std::exception&) {
-        present = false;
-    }
-    Process daemon = Process::execute({program, "--execute"});
-    const double deadline = nowSeconds() + 10;
-    for (;;) {
-        try {
-            const std::uint16_t port = daemonPort();
-            if (!present || port != before)
-                return daemon;
-        } catch (const std::exception&) {
-        }
-        if (nowSeconds() > deadline)
-            throw std::runtime_error("the daemon didn't start; is another one running?");
-        ::usleep(20000);
+        return 0;
     }
 }
 
-std::string daemonBesideThisProgram()
+std::vector<std::string> command(const std::string& program, std::uint16_t& before)
 {
-    return (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "zuGevSvc").string();
+    before = lastPort();
+    return {program, "--execute"};
+}
+
+} // namespace
+
+MeasuredDaemon::MeasuredDaemon(const std::string& program) : process_(command(program, before_))
+{
+    const auto found = [this] {
+        const std::uint16_t port = lastPort();
+        return port != 0 && port != before_;
+    };
+    if (!zuTest::eventually(found, std::chrono::seconds(10)))
+        throw std::runtime_error("the daemon didn't start; is another one running?");
+}
+
+MeasuredDaemon::~MeasuredDaemon()
+{
+    process_.signal(SIGTERM);
+    process_.wait(std::chrono::seconds(2));
+}
+
+double MeasuredDaemon::cpuSeconds() const { return zuTest::cpuSeconds(process_.pid()); }
+long MeasuredDaemon::residentKiB() const { return std::atol(zuTest::statusField(process_.pid(), "VmRSS").c_str()); }
+std::size_t MeasuredDaemon::threads() const
+{
+    return static_cast<std::size_t>(std::atol(zuTest::statusField(process_.pid(), "Threads").c_str()));
+}
+
+Part::Part(const std::function<void()>& body)
+    : ForkedChild([&body] {
+          body();
+          return 0;
+      })
+{
+}
+
+void pinToOneProcessor(bool pinned)
+{
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    for (long cpu = 0; cpu < (pinned ? 1 : ::sysconf(_SC_NPROCESSORS_CONF)); ++cpu)
+        CPU_SET(static_cast<std::size_t>(cpu), &set);
+    ::sched_setaffinity(0, sizeof set, &set);
+}
+
+void* sharedMemory(std::size_t bytes)
+{
+    void* const memory = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED)
+        throw std::runtime_error("no shared memory");
+    return memory;
+}
+
+double nowSeconds()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 } // namespace zuBench

@@ -1,8 +1,11 @@
 // What the measuring programs share: latencies in batches, and a daemon under measurement.
 #pragma once
 
-#include "bench/process.h"
+#include "tests/support/child_process.h"
+#include "tests/support/forked_child.h"
 
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -23,10 +26,37 @@ private:
     std::vector<double> microseconds_;
 };
 
-/// Starts the daemon and waits until clients find it; throws std::runtime_error after ten seconds.
-Process startDaemon(const std::string& program);
+/// A daemon for the length of a measurement. It is asked to end, and killed after two seconds.
+class MeasuredDaemon {
+public:
+    /// Waits until clients find it; throws std::runtime_error after ten seconds.
+    explicit MeasuredDaemon(const std::string& program);
+    ~MeasuredDaemon();
+    MeasuredDaemon(const MeasuredDaemon&) = delete;
+    MeasuredDaemon& operator=(const MeasuredDaemon&) = delete;
 
-/// The daemon's program beside the running one.
-std::string daemonBesideThisProgram();
+    double cpuSeconds() const; ///< user and system time so far
+    long residentKiB() const;  ///< resident memory
+    std::size_t threads() const;
+
+private:
+    std::uint16_t before_ = 0; ///< the port of the one before it, found first
+    zuTest::ChildProcess process_;
+};
+
+/// A process that runs `body`, and prints its exception.
+class Part : public zuTest::ForkedChild {
+public:
+    explicit Part(const std::function<void()>& body);
+    int wait() { return exitCode(std::chrono::hours(24)); }
+};
+
+/// Keeps this process and those it starts from now on to processor 0, or lets them go where they like.
+void pinToOneProcessor(bool pinned);
+
+/// Memory that this process shares with children forked later, zero-filled.
+void* sharedMemory(std::size_t bytes);
+
+double nowSeconds(); ///< steady
 
 } // namespace zuBench

@@ -51,7 +51,7 @@ public:
         : TerminalSession([victim] {
               ::signal(SIGINT, SIG_IGN); // Ctrl-C is for the victim
               ::signal(SIGQUIT, SIG_IGN);
-              Child child([&] {
+              ForkedChild child([&] {
                   ::signal(SIGINT, SIG_DFL);
                   ::signal(SIGQUIT, SIG_DFL);
                   return victim();
@@ -312,7 +312,7 @@ TEST(ConsoleKeysTerminal, InTheBackgroundItIsLeftAlone)
         ::signal(SIGTTOU, SIG_IGN); // for this leader, which hands the terminal on
         const Pipe go;
         const Pipe back;
-        Child child([&] {
+        ForkedChild child([&] {
             ::signal(SIGTTOU, SIG_DFL);
             ::setpgid(0, 0);
             go.read(1);

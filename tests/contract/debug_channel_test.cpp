@@ -2,14 +2,13 @@
 #include "platform/debug_channel.h"
 #include "platform/thread.h"
 #include "tests/contract/contract_support.h"
+#include "tests/support/files.h"
+#include "tests/support/local_inbox.h"
 
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <optional>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -22,42 +21,22 @@ class DebugChannelTest : public testing::Test {
 protected:
     DebugChannelTest()
     {
-        char folder[] = "/tmp/zuTestLogXXXXXX";
-        EXPECT_NE(::mkdtemp(folder), nullptr);
-        folder_ = folder;
         listen();
         setDebugChannelForTesting(path());
     }
-    ~DebugChannelTest() override
-    {
-        setDebugChannelForTesting("/dev/log");
-        stop();
-        ::rmdir(folder_.c_str());
-    }
+    ~DebugChannelTest() override { setDebugChannelForTesting("/dev/log"); }
 
-    std::string path() const { return folder_ + "/log"; }
-    void listen()
-    {
-        log = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, path().c_str());
-        EXPECT_EQ(::bind(log, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    }
-    void stop()
-    {
-        ::close(log);
-        ::unlink(path().c_str());
-    }
+    std::string path() const { return folder_ / "log"; }
+    void listen() { log_.emplace(path()); }
+    void stop() { log_.reset(); }
 
     /// The next record without what stands before its text, or "none" if none is queued.
     std::string next()
     {
-        std::vector<char> buffer(100000);
-        const ssize_t count = ::recv(log, buffer.data(), buffer.size(), MSG_DONTWAIT);
-        if (count < 0)
+        const auto received = log_->receive(0);
+        if (!received)
             return "none";
-        const std::string record(buffer.data(), static_cast<std::size_t>(count));
+        const std::string& record = *received;
         const std::string head = "<15>test_contract[" + std::to_string(::getpid()) + "]: ";
         EXPECT_EQ(record.substr(0, head.size()), head);
         return record.substr(std::min(head.size(), record.size()));
@@ -70,10 +49,9 @@ protected:
         return result;
     }
 
-    int log = -1;
-
 private:
-    std::string folder_;
+    const TemporaryFolder folder_;
+    std::optional<LocalInbox> log_;
 };
 
 TEST_F(DebugChannelTest, ALineIsARecordAtDebugPriority)

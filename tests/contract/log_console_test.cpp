@@ -177,7 +177,7 @@ TEST(LogConsole, WritesInTheBackgroundDoNotStopTheProcess)
         ::tcgetattr(0, &settings);
         settings.c_lflag |= TOSTOP;
         ::tcsetattr(0, TCSANOW, &settings);
-        Child child([] {
+        ForkedChild child([] {
             ::setpgid(0, 0);
             return LogConsole::allocate() && put(LogConsole::outputHandle(), "background") == 10 ? 0 : 1;
         });

@@ -47,7 +47,7 @@ protected:
         }
         Pipe holds;
         Pipe goOn;
-        Child child;
+        ForkedChild child;
     };
 
     /// Waits for the mutex on a thread of its own, and calls `meanwhile` once that wait is under way.
@@ -181,7 +181,7 @@ TEST_F(NamedMutexTest, AChildThatRunsAnotherProgramDoesNotKeepIt)
 {
     auto owner = open();
     EXPECT_EQ(owner->wait(0), Result::signalled);
-    const Child child([] { return ::execl("/bin/sleep", "sleep", "60", nullptr); });
+    const ForkedChild child([] { return ::execl("/bin/sleep", "sleep", "60", nullptr); });
     ASSERT_TRUE(eventually([&] {
         char path[256] = {};
         const std::string link = "/proc/" + std::to_string(child.pid()) + "/exe";
@@ -248,8 +248,8 @@ TEST_F(NamedMutexTest, KeepsProcessesOutOfEachOthersWay)
         return 0;
     };
     {
-        Child first(work);
-        Child second(work);
+        ForkedChild first(work);
+        ForkedChild second(work);
         EXPECT_EQ(work(), 0);
         EXPECT_EQ(first.exitCode(), 0);
         EXPECT_EQ(second.exitCode(), 0);

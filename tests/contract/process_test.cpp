@@ -28,7 +28,7 @@ int waitForKill()
         ::pause();
 }
 
-std::uint32_t idOf(const Child& child) { return static_cast<std::uint32_t>(child.pid()); }
+std::uint32_t idOf(const ForkedChild& child) { return static_cast<std::uint32_t>(child.pid()); }
 
 } // namespace
 
@@ -45,7 +45,7 @@ TEST(ProcessExists, TellsRunningFromNeverAndGone)
 
 TEST(ProcessExists, AZombieIsGone)
 {
-    Child child(waitForKill);
+    ForkedChild child(waitForKill);
     EXPECT_TRUE(processExists(idOf(child)));
     child.kill(SIGKILL);
     ASSERT_TRUE(child.waitForEndWithoutReaping());
@@ -57,7 +57,7 @@ TEST(ProcessExists, AZombieIsGone)
 
 TEST(ProcessExists, AStoppedProcessRuns)
 {
-    const Child child(waitForKill);
+    const ForkedChild child(waitForKill);
     child.kill(SIGSTOP);
     ASSERT_TRUE(eventually([&] {
         siginfo_t info{};
@@ -84,7 +84,7 @@ TEST(ProcessExists, AThreadIsNoProcess)
 TEST(ProcessExists, AProcessGoesOnWithoutItsFirstThread)
 {
     const Pipe ready;
-    const Child child([&] {
+    const ForkedChild child([&] {
         std::thread([&] {
             // Once the first thread is a zombie, the process as a whole is still there.
             const std::string status = "/proc/self/task/" + std::to_string(::getpid()) + "/status";

@@ -65,7 +65,7 @@ TEST(Signals, AHandledSignalDoesNotBreakAReadOff)
 {
     const Pipe ready;
     const Pipe data;
-    Child child([&] {
+    ForkedChild child([&] {
         setStopHandler(onStop);
         ready.send("r");
         char byte = 0;

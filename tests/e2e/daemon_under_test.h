@@ -48,14 +48,11 @@ public:
     {
         const std::size_t before = process.output().size();
         process.write("s");
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         const std::string words = "Instances: ";
-        while (std::chrono::steady_clock::now() < deadline) {
-            const std::string output = process.output();
-            const auto at = output.find(words, before);
-            if (at != std::string::npos && output.find("\n", at) != std::string::npos)
-                return std::stoul(output.substr(at + words.size()));
-            process.waitForOutput("never printed", std::chrono::milliseconds(20));
+        if (process.waitForOutput(words, patience, before)) {
+            const auto at = process.output().find(words, before);
+            if (process.waitForOutput("\n", patience, at))
+                return std::stoul(process.output().substr(at + words.size()));
         }
         throw std::runtime_error("no status report");
     }

@@ -1,15 +1,13 @@
 // Strangers as witnesses: another maker's camera simulator at the daemon's end, and a protocol analyser on the traffic.
 #include "client/GevClient.h"
 #include "daemon_under_test.h"
+#include "tests/support/files.h"
 #include "tools/gevsim/camera.h"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <map>
 #include <sstream>
-
-#include <stdlib.h>
 
 using namespace zuTest;
 using namespace zuGevClient;
@@ -68,16 +66,12 @@ TEST(IndependentAnalyser, NoMalformedAndNoUnansweredCommand)
         GTEST_SKIP() << "tshark is not installed (apt-get install tshark)";
     DaemonUnderTest daemon;
     gevsim::Camera camera("127.0.17.4", gvcpPort);
-    char folder[] = "/tmp/zu-capture-XXXXXX";
-    ASSERT_NE(::mkdtemp(folder), nullptr);
-    const std::string file = std::string(folder) + "/capture.pcapng";
+    const TemporaryFolder folder;
+    const std::string file = folder / "capture.pcapng";
     {
         ChildProcess capture({"tshark", "-i", "lo", "-f", "udp port 3956 and host 127.0.17.4", "-w", file, "-P", "-l"});
-        if (!capture.waitForOutput("Capturing on")) {
-            const std::string reason = capture.output();
-            std::filesystem::remove_all(folder);
-            GTEST_SKIP() << "no capture permitted here: " << reason;
-        }
+        if (!capture.waitForOutput("Capturing on"))
+            GTEST_SKIP() << "no capture permitted here: " << capture.output();
         Connection connection;
         connection.setDestination({camera.ip(), camera.port()});
         // The analyser is listening once it has printed a datagram.
@@ -109,7 +103,6 @@ TEST(IndependentAnalyser, NoMalformedAndNoUnansweredCommand)
         command.emplace_back(field);
     }
     const Finished read = runCommand(command);
-    std::filesystem::remove_all(folder);
     ASSERT_EQ(read.end.status, 0) << read.output;
     std::map<std::string, int> open; // commands without their acknowledge, by port and id
     int commands = 0;

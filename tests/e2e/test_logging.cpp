@@ -13,8 +13,6 @@
 #include <random>
 #include <thread>
 
-#include <stdlib.h>
-
 using namespace zuTest;
 using namespace zuGevClient;
 using std::chrono::milliseconds;
@@ -58,19 +56,10 @@ Words lifeOfAClient(std::uint16_t cameraPort)
 }
 
 struct Logging : testing::Test {
-    Logging()
-    {
-        std::string name = std::filesystem::temp_directory_path() / "zu-e2e-XXXXXX";
-        if (::mkdtemp(name.data()) == nullptr)
-            throw std::runtime_error("no folder");
-        folder = name;
-    }
     ~Logging() override
     {
         daemon.reset();
         logService.reset();
-        std::error_code error;
-        std::filesystem::remove_all(folder, error);
     }
     void start(const std::string& destination, const std::string& more = {}, const Words& launcher = {})
     {
@@ -94,7 +83,8 @@ struct Logging : testing::Test {
         EXPECT_EQ(daemon->process.wait(seconds(60)).status, 0);
     }
 
-    std::string folder;
+    const TemporaryFolder temporary;
+    const std::string folder = temporary.path().string();
     gevsim::Camera camera{"127.0.61.1", 0};
     std::unique_ptr<LogService> logService;
     std::unique_ptr<DaemonUnderTest> daemon;

@@ -241,24 +241,15 @@ private:
     std::thread thread_;
 };
 
-std::string statusField(int pid, const std::string& name)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string word; status >> word;)
-        if (word == name + ":" && status >> word)
-            return word;
-    return "?";
-}
-
 void report(const char* when, int daemon, const Workers& workers, const Witness& witness)
 {
     namespace fs = std::filesystem;
     const auto descriptors = std::distance(fs::directory_iterator("/proc/" + std::to_string(daemon) + "/fd"), {});
     std::printf("%s: %u clients, %u of them killed; daemon: %td descriptors, %s threads, %s KiB; "
                 "undisturbed client: %lu reads, slowest %.1f ms; %u complaints\n",
-                when, workers.started, workers.killed, descriptors, statusField(daemon, "Threads").c_str(),
-                statusField(daemon, "VmRSS").c_str(), witness.reads(), static_cast<double>(witness.slowestUs()) / 1000,
-                complaints.load());
+                when, workers.started, workers.killed, descriptors, zuTest::statusField(daemon, "Threads").c_str(),
+                zuTest::statusField(daemon, "VmRSS").c_str(), witness.reads(),
+                static_cast<double>(witness.slowestUs()) / 1000, complaints.load());
     std::fflush(stdout);
 }
 

@@ -4,7 +4,7 @@
 #include "GevTLBase/GevControl_impl.h"
 
 #include "fake_connection.h"
-#include "log_lines.h"
+#include "tests/support/log_lines.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // Formats, status codes, and the helpers that stand by themselves.
 #include "GevTLBase/GevHelper.h"
 
-#include "log_lines.h"
+#include "tests/support/log_lines.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,9 +10,9 @@
 #include <type_traits>
 
 using namespace GEV;
-using gevTest::lines;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using zuTest::lines;
 
 namespace {
 

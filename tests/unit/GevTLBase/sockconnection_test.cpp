@@ -3,7 +3,7 @@
 #include "src/SockConnection.h"
 #include "tests/support/fake_socket.h"
 
-#include "log_lines.h"
+#include "tests/support/log_lines.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,11 +11,11 @@
 namespace Fake = zuTest::FakeSockets;
 
 using namespace GEV;
-using gevTest::lines;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 using zuPlatform::ReceiveResult;
+using zuTest::lines;
 
 namespace {
 

@@ -1,19 +1,12 @@
 // What the tests of an instance share.
 #pragma once
 
+#include "tests/support/pointer_text.h"
 #include "tests/unit/IPCPipe/pipe_support.h"
 
-#include <sstream>
 #include <string>
 
 namespace zuTest {
-
-inline std::string pointerText(const void* pointer)
-{
-    std::ostringstream text;
-    text << pointer;
-    return text.str();
-}
 
 /// A Send on a thread of its own.
 struct PendingSend {

@@ -3,7 +3,6 @@
 
 #include "platform/process.h"
 #include "platform/shared_memory.h"
-#include "platform/thread.h"
 
 #include <algorithm>
 #include <atomic>
@@ -21,17 +20,6 @@ std::shared_ptr<instance_msg> DispatcherProbe::takeFromPool(CDispatcher& d)
     auto message = d.pool.front();
     d.pool.pop_front();
     return message;
-}
-
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds deadline)
-{
-    const auto end = std::chrono::steady_clock::now() + deadline;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        zuPlatform::sleepMs(1);
-    }
-    return true;
 }
 
 OwnNames::OwnNames()

@@ -7,6 +7,7 @@
 #include "GevTLBase/IPCPipe/Instance.h"
 #include "GevTLBase/IPCPipe/MgrServer.h"
 #include "platform/socket.h"
+#include "tests/support/eventually.h"
 
 #include <gtest/gtest.h>
 
@@ -89,9 +90,6 @@ struct MgrProbe {
     static zuPlatform::SocketPtr socket(zuIPCPipe::CMgr& m) { return m.sock; }
     static std::uint16_t serverPort(zuIPCPipe::CMgr& m) { return m.serverPort; }
 };
-
-/// Waits until `condition` holds; false after `deadline`.
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds deadline = std::chrono::seconds(20));
 
 /// Puts the machine-wide names of this process out of everybody's way, and removes what was made under them.
 class OwnNames {

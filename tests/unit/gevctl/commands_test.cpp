@@ -1,6 +1,7 @@
 // Whole commands, from the command line to what is printed, with the daemon's instances and a simulated camera in this
 // process.
 #include "src/InstanceBook.h"
+#include "tests/support/files.h"
 #include "tests/unit/IPCPipe/pipe_support.h"
 #include "tools/gevctl/commands.h"
 #include "tools/gevsim/camera.h"
@@ -9,7 +10,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -68,23 +68,15 @@ struct GevctlTest : testing::Test {
     std::shared_ptr<zuIPCPipe::CMgrServer> manager =
         std::make_shared<zuIPCPipe::CMgrServer>(&zuGevDaemon::OnClientConnect);
     gevsim::Camera camera{cameraConfig()};
-    std::filesystem::path folder;
+    const zuTest::TemporaryFolder folder;
     std::atomic<bool> stop{false};
     std::string out, err, in;
     bool terminal = false;
 
-    GevctlTest()
-    {
-        folder = std::filesystem::path(testing::TempDir()) /
-                 ("gevctl-test-" + std::to_string(reinterpret_cast<std::uintptr_t>(this)) + "-" +
-                  testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::create_directories(folder);
-    }
     ~GevctlTest() override
     {
         manager.reset();
         zuGevDaemon::CollectGarbage();
-        std::filesystem::remove_all(folder);
     }
 
     /// Runs a command line, in which CAMERA stands for the camera's address.
@@ -107,11 +99,11 @@ struct GevctlTest : testing::Test {
     }
     std::string address() const { return "127.0.15.3:" + std::to_string(camera.port()); }
     NlohmannJson json() const { return NlohmannJson::parse(out); }
-    std::string file(const std::string& name) const { return (folder / name).string(); }
+    std::string file(const std::string& name) const { return folder / name; }
     static Bytes content(const std::string& name)
     {
-        std::ifstream stream(name, std::ios::binary);
-        return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+        const std::string text = zuTest::readFile(name);
+        return {text.begin(), text.end()};
     }
 };
 

@@ -1,11 +1,10 @@
 // An independent GigE Vision client, arv-tool-0.8, with the simulated camera.
-#include "tests/unit/gevsim/process.h"
+#include "tests/support/child_process.h"
 
 #include "tools/gevsim/camera.h"
 
 #include <gtest/gtest.h>
 
-using namespace gevsimTest;
 using gevsim::Camera;
 using gevsim::Command;
 using gevsim::Config;
@@ -19,20 +18,24 @@ class ArvList : public testing::Test {
 protected:
     void SetUp() override
     {
-        tool = boost::process::search_path("arv-tool-0.8").string();
-        if (tool.empty())
+        if (!zuTest::isInstalled(tool))
             GTEST_SKIP() << "arv-tool-0.8 is not installed (package aravis-tools-cli)";
     }
 
-    std::string run(std::vector<std::string> arguments)
+    std::string run(const std::vector<std::string>& command)
     {
-        Process process(tool, arguments);
-        std::string output = process.rest();
-        EXPECT_EQ(process.wait(), 0) << process.errors();
-        return output;
+        const zuTest::Finished finished = zuTest::runCommand(command, zuTest::patience, Output::apart);
+        EXPECT_TRUE(finished.end.exited && finished.end.status == 0) << finished.errors;
+        return finished.output;
+    }
+    std::string runTool(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), tool);
+        return run(arguments);
     }
 
-    std::string tool;
+    using Output = zuTest::ChildProcess::Output;
+    const std::string tool = "arv-tool-0.8";
 };
 
 /// With the GenICam file plain and zipped.
@@ -52,7 +55,7 @@ Config config(bool zipped)
 TEST_P(ArvTool, ReadsAllFeatures)
 {
     Camera camera(config(GetParam()));
-    const std::string values = run({"-a", "127.0.13.70", "values"});
+    const std::string values = runTool({"-a", "127.0.13.70", "values"});
     for (const char* line :
          {"'DeviceVendorName' = 'Simulated Optics'", "'DeviceModelName' = 'gevsim'", "'DeviceUserID' = 'left camera'",
           "'DeviceTemperature' = 36.5 C", "'Width' = 640", "'PixelFormat' = 'Mono8'", "'ReverseX' = false",
@@ -66,9 +69,9 @@ TEST_P(ArvTool, ControlsFeaturesRegistersAndGivesControlBack)
 {
     Camera camera(config(GetParam()));
     const std::string output =
-        run({"-a", "127.0.13.70", "control", "Width=320", "Width", "Gain=3.5", "Gain", "ReverseX=true", "ReverseX",
-             "PixelFormat=Mono16", "PixelFormat", "TestText=hello", "TestText", "AcquisitionStart", "AcquisitionStatus",
-             "R[0x10000]=0x11223344", "R[0x10000]"});
+        runTool({"-a", "127.0.13.70", "control", "Width=320", "Width", "Gain=3.5", "Gain", "ReverseX=true", "ReverseX",
+                 "PixelFormat=Mono16", "PixelFormat", "TestText=hello", "TestText", "AcquisitionStart",
+                 "AcquisitionStatus", "R[0x10000]=0x11223344", "R[0x10000]"});
     for (const char* line :
          {"Width = 320", "Gain = 3.5 dB", "ReverseX = true", "PixelFormat = Mono16", "TestText = hello",
           "AcquisitionStart executed", "AcquisitionStatus = 1", "R[0x00010000] = 0x11223344"})
@@ -109,22 +112,14 @@ TEST_F(ArvList, FindsTheCamerasOnTheLoopbackInterface)
 {
     // The tool asks on every interface. Where the system allows, it is given a network that has none but loopback.
     std::vector<std::string> command = {"unshare", "--user", "--map-root-user", "--net", "/bin/sh", "-c"};
-    const std::string unshare = boost::process::search_path("unshare").string();
-    bool ownNetwork = !unshare.empty();
-    if (ownNetwork) {
-        command[0] = unshare;
-        std::vector<std::string> probe(command.begin() + 1, command.end());
-        probe.push_back("ip link set lo up");
-        ownNetwork = Process(unshare, probe).wait() == 0;
-    }
-    const std::string script = (ownNetwork ? "ip link set lo up || exit 1" : "") + std::string(listScript);
+    std::vector<std::string> probe = command;
+    probe.push_back("ip link set lo up");
+    const bool ownNetwork = zuTest::isInstalled("unshare") && zuTest::runCommand(probe).end.status == 0;
     if (!ownNetwork)
         command = {"/bin/sh", "-c"};
-    std::vector<std::string> arguments(command.begin() + 1, command.end());
-    arguments.insert(arguments.end(), {script, GEVSIM, tool});
-    Process process(command[0], arguments);
-    const std::string output = process.rest();
-    EXPECT_EQ(process.wait(), 0) << process.errors();
+    const std::string script = (ownNetwork ? "ip link set lo up || exit 1" : "") + std::string(listScript);
+    command.insert(command.end(), {script, zuTest::builtProgram("gevsim"), tool});
+    const std::string output = run(command);
     EXPECT_NE(output.find("Simulated Optics-gevsim-7F000001-3956 (127.0.0.1)"), std::string::npos) << output;
     EXPECT_NE(output.find("Simulated Optics-gevsim-7F000002-3956 (127.0.0.2)"), std::string::npos) << output;
 }

@@ -1,10 +1,22 @@
 // The program as a process: exit codes, what it prints, its standard input, its end.
+#include "tests/support/child_process.h"
 #include "tests/unit/gevsim/client.h"
-#include "tests/unit/gevsim/process.h"
+
+#include <csignal>
 
 using namespace gevsimTest;
 
 namespace {
+
+struct Process : zuTest::ChildProcess {
+    explicit Process(std::vector<std::string> arguments) : ChildProcess(command(std::move(arguments)), Output::apart) {}
+    static std::vector<std::string> command(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), zuTest::builtProgram("gevsim"));
+        return arguments;
+    }
+    void type(const std::string& words) { write(words + "\n"); }
+};
 
 /// Where the program says that it listens.
 gevsim::Endpoint listening(Process& process)
@@ -32,54 +44,54 @@ std::vector<std::string> with(std::vector<std::string> words, const std::vector<
 
 TEST(Program, ExitStatusTellsUsageFromFailure)
 {
-    EXPECT_EQ(Process(GEVSIM, {"--nonsense"}).wait(), 2);
-    EXPECT_EQ(Process(GEVSIM, with(here, {"-x", "nonsense"})).wait(), 2);
-    EXPECT_EQ(Process(GEVSIM, {"-a", "0.0.0.0", "--no-input"}).wait(), 1);
-    EXPECT_EQ(Process(GEVSIM, {"--help"}).wait(), 0);
-    EXPECT_EQ(Process(GEVSIM, {"--version"}).wait(), 0);
+    EXPECT_EQ(Process({"--nonsense"}).exitStatus(), 2);
+    EXPECT_EQ(Process(with(here, {"-x", "nonsense"})).exitStatus(), 2);
+    EXPECT_EQ(Process({"-a", "0.0.0.0", "--no-input"}).exitStatus(), 1);
+    EXPECT_EQ(Process({"--help"}).exitStatus(), 0);
+    EXPECT_EQ(Process({"--version"}).exitStatus(), 0);
 }
 
 TEST(Program, SaysWhatIsWrongOnStandardError)
 {
-    Process process(GEVSIM, {"-p", "70000"});
-    EXPECT_EQ(process.wait(), 2);
+    Process process({"-p", "70000"});
+    EXPECT_EQ(process.exitStatus(), 2);
     EXPECT_EQ(process.errors(), "gevsim: --port takes 0 to 65535\nTry 'gevsim --help'.\n");
 }
 
 TEST(Program, AnAddressInUseIsAFailure)
 {
-    Process first(GEVSIM, with(here, {"--exit-on-eof"}));
+    Process first(with(here, {"--exit-on-eof"}));
     const gevsim::Endpoint where = listening(first);
-    Process second(GEVSIM, {"-a", "127.0.13.60", "-p", std::to_string(where.port), "--no-broadcast"});
-    EXPECT_EQ(second.wait(), 1);
+    Process second({"-a", "127.0.13.60", "-p", std::to_string(where.port), "--no-broadcast"});
+    EXPECT_EQ(second.exitStatus(), 1);
     EXPECT_NE(second.errors().find("can't listen on " + where.text()), std::string::npos);
     first.closeInput();
-    EXPECT_EQ(first.wait(), 0);
+    EXPECT_EQ(first.exitStatus(), 0);
 }
 
 TEST(Program, StopsOnSigterm)
 {
-    Process process(GEVSIM, here);
+    Process process(here);
     Client client(listening(process));
     EXPECT_EQ(client.status(readReg(0)), 0);
-    process.terminate();
+    process.signal(SIGTERM);
     EXPECT_EQ(process.line(), "gevsim: stopped");
-    EXPECT_EQ(process.wait(), 0);
+    EXPECT_EQ(process.exitStatus(), 0);
 }
 
 TEST(Program, GoesOnAfterTheEndOfItsInput)
 {
-    Process process(GEVSIM, with(here, {"-x", "write 0x10000 5"}));
+    Process process(with(here, {"-x", "write 0x10000 5"}));
     Client client(listening(process));
     process.closeInput();
     EXPECT_EQ(valueOf(client.ask(readReg(0x10000))), 5U);
-    process.terminate();
-    EXPECT_EQ(process.wait(), 0);
+    process.signal(SIGTERM);
+    EXPECT_EQ(process.exitStatus(), 0);
 }
 
 TEST(Program, ExecutesWhatIsTyped)
 {
-    Process process(GEVSIM, here);
+    Process process(here);
     Client client(listening(process));
     process.type("write 0x10000 0x11");
     process.type("read 0x10000");
@@ -92,13 +104,13 @@ TEST(Program, ExecutesWhatIsTyped)
     EXPECT_EQ(client.status(readReg(0)), 0);
     process.type("quit");
     EXPECT_EQ(process.line(), "gevsim: stopped");
-    EXPECT_EQ(process.wait(), 0);
+    EXPECT_EQ(process.exitStatus(), 0);
     EXPECT_EQ(process.errors(), "gevsim: 'nonsense' is no command of the camera; type help\n");
 }
 
 TEST(Program, PrintsEveryDatagram)
 {
-    Process process(GEVSIM, with(here, {"--trace", "-x", "loss 0.5 seed=3", "-x", "loss 0"}));
+    Process process(with(here, {"--trace", "-x", "loss 0.5 seed=3", "-x", "loss 0"}));
     EXPECT_EQ(process.line(), "loss with seed=3");
     Client client(listening(process));
     client.ask(readReg(0x0A00, 7));
@@ -108,15 +120,15 @@ TEST(Program, PrintsEveryDatagram)
     EXPECT_EQ(in.find_first_not_of("0123456789:."), 15U) << in;
     EXPECT_EQ(in.substr(16), "<- " + peer + " READREG id=7 [0x00000A00]");
     EXPECT_EQ(out.substr(16), "-> " + peer + " READREG_ACK id=7 =0x00000000");
-    process.terminate();
-    EXPECT_EQ(process.wait(), 0);
+    process.signal(SIGTERM);
+    EXPECT_EQ(process.exitStatus(), 0);
 }
 
 TEST(Program, EndsWithItsInputIfAsked)
 {
-    Process process(GEVSIM, with(here, {"--exit-on-eof"}));
+    Process process(with(here, {"--exit-on-eof"}));
     listening(process);
     process.closeInput();
     EXPECT_EQ(process.line(), "gevsim: stopped");
-    EXPECT_EQ(process.wait(), 0);
+    EXPECT_EQ(process.exitStatus(), 0);
 }

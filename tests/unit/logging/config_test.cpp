@@ -215,7 +215,7 @@ TEST(Config, DestinationFile)
 {
     ZU_IN_FRESH_PROCESS({
         Setting setting;
-        const TempFolder folder;
+        const TemporaryFolder folder;
         const std::string path = folder / "log";
         const FakeLogService service("{\"destination\":\"file\",\"level\":\"warn\",\"file\":\"" + path + "\"}");
         EXPECT_TRUE(configure());
@@ -456,7 +456,7 @@ TEST(Config, AnUnknownKeyIsIgnored)
 TEST(Config, AFileThatCannotBeOpened)
 {
     ZU_IN_FRESH_PROCESS({
-        const TempFolder folder;
+        const TemporaryFolder folder;
         const std::string path = folder / "missing/log";
         expectConfigureFailure("{\"destination\":\"file\",\"level\":\"info\",\"file\":\"" + path + "\"}",
                                "Error opening file: " + path);
@@ -492,7 +492,7 @@ TEST(Config, AModuleNameWithASeparatorLeavesTheFileSilent)
 {
     ZU_IN_FRESH_PROCESS({
         Setting setting;
-        const TempFolder folder;
+        const TemporaryFolder folder;
         const std::string path = folder / "log";
         const FakeLogService service("{\"destination\":\"file\",\"level\":\"info\",\"file\":\"" + path + "\"}");
         EXPECT_FALSE(configure_logging("GEV.SVC", "", Tree()));

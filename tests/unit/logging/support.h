@@ -2,14 +2,14 @@
 #pragma once
 
 #include "logging/logtarget.h"
+#include "tests/support/files.h"
+#include "tests/support/local_inbox.h"
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/mutex.hpp>
 #include <gmock/gmock.h>
 
-#include <chrono>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -57,20 +57,6 @@ boost::posix_time::ptime moment(const std::string& text);
 void write(zuLogging::basic_logtarget& target, const zuLogging::basic_msgstate& msg, const std::string& text);
 void write(zuLogging::basic_logtarget& target, const zuLogging::basic_msgstate& msg, const std::wstring& text);
 
-/// Folder of its own for the life of this object.
-class TempFolder {
-public:
-    TempFolder();
-    ~TempFolder();
-    std::string operator/(const std::string& name) const { return (path_ / name).string(); }
-
-private:
-    std::filesystem::path path_;
-};
-
-std::string readFile(const std::string& path);
-std::vector<std::string> splitLines(const std::string& text);
-
 /// Takes the place of the system log for the debugger channel.
 class DebugListener {
 public:
@@ -83,8 +69,8 @@ public:
     bool quiet();
 
 private:
-    TempFolder folder_;
-    int socket_;
+    TemporaryFolder folder_;
+    LocalInbox inbox_;
 };
 
 } // namespace zuTest

@@ -3,15 +3,16 @@
 
 #include "logging/formatter.h"
 #include "platform/text.h"
+#include "tests/support/forked_child.h"
 #include "tests/unit/logging/support.h"
 
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <future>
 #include <iostream>
+#include <memory>
 #include <thread>
 
 using namespace zuLogging;
@@ -179,7 +180,7 @@ TEST(TraceTarget, WritesToTheDebuggerChannel)
 
 TEST(FileTarget, EachLineIsThereWhenWriteReturns)
 {
-    const TempFolder folder;
+    const TemporaryFolder folder;
     const auto msg = message("File", log_info);
     FileTarget target(make_file(folder / "log"));
     write(target, msg, std::string("one"));
@@ -195,7 +196,7 @@ TEST(FileTarget, EachLineIsThereWhenWriteReturns)
 
 TEST(FileTarget, AnEmptyTextWritesNothing)
 {
-    const TempFolder folder;
+    const TemporaryFolder folder;
     FileTarget target(make_file(folder / "log"));
     write(target, message("File", log_info), std::string());
     write(target, message("File", log_info), std::wstring());
@@ -206,7 +207,7 @@ TEST(FileTarget, AnEmptyTextWritesNothing)
 
 TEST(FileTarget, AnExistingFileIsAppendedTo)
 {
-    const TempFolder folder;
+    const TemporaryFolder folder;
     const auto msg = message("File", log_info);
     std::ofstream(folder / "log") << "before\n";
     write(*std::make_unique<FileTarget>(make_file(folder / "log")), msg, std::string("one"));
@@ -216,7 +217,7 @@ TEST(FileTarget, AnExistingFileIsAppendedTo)
 
 TEST(FileTarget, WideTextIsWrittenAsUtf8)
 {
-    const TempFolder folder;
+    const TemporaryFolder folder;
     FileTarget target(make_file(folder / "log"));
     write(target, message("File", log_info), std::wstring(L"\xE4 \x20AC \x1F600"));
     EXPECT_EQ(readFile(folder / "log"), "\xC3\xA4 \xE2\x82\xAC \xF0\x9F\x98\x80\n");
@@ -226,7 +227,7 @@ TEST(FileTarget, WideTextIsWrittenAsUtf8)
 
 TEST(FileTarget, FlushOnlyLeavesTheLineEndAway)
 {
-    const TempFolder folder;
+    const TemporaryFolder folder;
     const auto file = make_file(folder / "log");
     EXPECT_FALSE(file->flush_only);
     file->flush_only = true;
@@ -239,7 +240,7 @@ TEST(FileTarget, FlushOnlyLeavesTheLineEndAway)
 
 TEST(FileTarget, APathIsUtf8)
 {
-    const TempFolder folder;
+    const TemporaryFolder folder;
     const std::string path = folder / "l\xC3\xB6g \xE2\x82\xAC";
     write(*std::make_unique<FileTarget>(make_file(path)), message("File", log_info), std::string("one"));
     EXPECT_EQ(readFile(path), "one\n");
@@ -248,7 +249,7 @@ TEST(FileTarget, APathIsUtf8)
 
 TEST(FileTarget, AMissingFolderIsAnError)
 {
-    const TempFolder folder;
+    const TemporaryFolder folder;
     const std::string path = folder / "missing/log";
     try {
         make_file(path);
@@ -261,7 +262,7 @@ TEST(FileTarget, AMissingFolderIsAnError)
 
 TEST(FileTarget, AFailedFileIsSilent)
 {
-    const TempFolder folder;
+    const TemporaryFolder folder;
     const auto file = make_file(folder / "log");
     file->setstate(std::ios_base::badbit);
     FileTarget target(file);
@@ -271,7 +272,7 @@ TEST(FileTarget, AFailedFileIsSilent)
 
 TEST(FileTarget, LinesOfEightThreadsNeverMix)
 {
-    const TempFolder folder;
+    const TemporaryFolder folder;
     const auto file = make_file(folder / "log");
     writeFromThreads({std::make_shared<FileTarget>(file), std::make_shared<FileTarget>(file)});
     expectWholeLines(readFile(folder / "log"), writers);
@@ -279,33 +280,24 @@ TEST(FileTarget, LinesOfEightThreadsNeverMix)
 
 TEST(FileTarget, TwoProcessesAppendToOneFile)
 {
-    const TempFolder folder;
+    const TemporaryFolder folder;
     const auto msg = message("Processes", log_info);
-    std::vector<pid_t> children;
-    for (int i = 0; i < 2; ++i) {
-        const pid_t child = ::fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            {
-                FileTarget target(make_file(folder / "log"));
-                for (int number = 0; number < linesEach; ++number)
-                    write(target, msg, wholeLine(i, number));
-            }
-            ::_exit(0);
-        }
-        children.push_back(child);
-    }
-    for (const pid_t child : children) {
-        int status = -1;
-        EXPECT_EQ(::waitpid(child, &status, 0), child);
-        EXPECT_EQ(status, 0);
-    }
+    std::vector<std::unique_ptr<ForkedChild>> children;
+    for (int i = 0; i < 2; ++i)
+        children.push_back(std::make_unique<ForkedChild>([&, i] {
+            FileTarget target(make_file(folder / "log"));
+            for (int number = 0; number < linesEach; ++number)
+                write(target, msg, wholeLine(i, number));
+            return 0;
+        }));
+    for (const auto& child : children)
+        EXPECT_EQ(child->exitCode(), 0);
     expectWholeLines(readFile(folder / "log"), 2);
 }
 
 TEST(FileTarget, AFormatterBeforeItMakesWholeLines)
 {
-    const TempFolder folder;
+    const TemporaryFolder folder;
     basic_dateformatter<0> formatter(std::make_shared<FileTarget>(make_file(folder / "log")));
     const auto msg = message("Formatted", log_info);
     write(formatter, msg, std::string("a\nb\n"));

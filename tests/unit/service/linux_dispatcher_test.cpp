@@ -2,11 +2,11 @@
 #include "platform/service_manager.h"
 #include "platform/service_notify.h"
 
-#include <poll.h>
+#include "tests/support/files.h"
+#include "tests/support/local_inbox.h"
+
 #include <pthread.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -15,14 +15,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
-
-namespace fs = std::filesystem;
 
 namespace zuPlatform {
 namespace {
@@ -36,16 +33,7 @@ class NotifySocket {
 public:
     NotifySocket()
     {
-        std::string name = (fs::temp_directory_path() / "zu-notify-XXXXXX").string();
-        EXPECT_NE(::mkdtemp(name.data()), nullptr);
-        folder_ = name;
-        const std::string path = name + "/socket";
-        fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-        ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+        ::setenv("NOTIFY_SOCKET", (folder_ / "socket").c_str(), 1);
         // The tests themselves may run below a service.
         ::unsetenv("SYSTEMD_EXEC_PID");
     }
@@ -53,25 +41,15 @@ public:
     {
         ::unsetenv("NOTIFY_SOCKET");
         ::unsetenv("SYSTEMD_EXEC_PID");
-        ::close(fd_);
-        fs::remove_all(folder_);
     }
     NotifySocket(const NotifySocket&) = delete;
     NotifySocket& operator=(const NotifySocket&) = delete;
 
-    std::string receive()
-    {
-        pollfd descriptor{fd_, POLLIN, 0};
-        if (::poll(&descriptor, 1, deadlineMs) != 1)
-            return "nothing came";
-        char text[512];
-        const ssize_t length = ::recv(fd_, text, sizeof text, 0);
-        return length < 0 ? "failed" : std::string(text, static_cast<std::size_t>(length));
-    }
+    std::string receive() { return inbox_.receive(deadlineMs).value_or("nothing came"); }
 
 private:
-    fs::path folder_;
-    int fd_ = -1;
+    const zuTest::TemporaryFolder folder_;
+    zuTest::LocalInbox inbox_{folder_ / "socket"};
 };
 
 /// A service's two entries, which carry no context.

@@ -2,6 +2,7 @@
 #include "platform/linux/service_state.h"
 #include "platform/linux/service_unit.h"
 #include "platform/service_manager.h"
+#include "tests/support/files.h"
 
 #include <unistd.h>
 
@@ -72,14 +73,6 @@ TEST(ServiceState, CheckpointGrowsWithThePhasesOfAStartAndIsBounded)
 
 class ServiceFiles : public testing::Test {
 protected:
-    ServiceFiles()
-    {
-        std::string name = (fs::temp_directory_path() / "zu-service-XXXXXX").string();
-        EXPECT_NE(::mkdtemp(name.data()), nullptr);
-        folder = name;
-    }
-    ~ServiceFiles() override { fs::remove_all(folder); }
-
     std::string program(const std::string& name, fs::perms perms = fs::perms(0755))
     {
         const fs::path path = folder / name;
@@ -89,7 +82,8 @@ protected:
         return path.string();
     }
 
-    fs::path folder;
+    const zuTest::TemporaryFolder temporary;
+    const fs::path folder = temporary.path();
 };
 
 TEST_F(ServiceFiles, CommandIsSplitBehindTheProgram)

@@ -3,13 +3,12 @@
 
 #include "scripted_client.h"
 #include "tests/support/log_lines.h"
+#include "tests/support/pointer_text.h"
 #include "tools/gevsim/camera.h"
 
 #include "src/DevInst.h"
 
 #include <atomic>
-#include <ios>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -56,20 +55,6 @@ struct FailingControl : Control {
 struct UnreachableClient : ScriptedClient {
     void ExtendTimeout(std::uint32_t, std::uint32_t) override { throw std::runtime_error("nobody there"); }
 };
-
-inline std::string pointerText(const void* pointer)
-{
-    std::ostringstream out;
-    out << pointer;
-    return out.str();
-}
-
-inline std::string hexDigits(const void* pointer)
-{
-    std::ostringstream out;
-    out << std::hex << reinterpret_cast<std::uintptr_t>(pointer);
-    return out.str();
-}
 
 template <typename TClient>
 struct InstanceOf {

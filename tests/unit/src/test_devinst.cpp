@@ -1,5 +1,6 @@
 // The commands of a client against a simulated camera: replies as bytes, what reaches the camera, log lines.
 #include "scripted_client.h"
+#include "tests/support/pointer_text.h"
 #include "tests/support/recording_target.h"
 #include "tools/gevsim/camera.h"
 
@@ -16,13 +17,6 @@ using gevsim::Command;
 using gevsim::Fault;
 
 namespace {
-
-std::string pointerText(const void* pointer)
-{
-    std::ostringstream out;
-    out << pointer;
-    return out.str();
-}
 
 struct DevInstTest : testing::Test {
     LogRecorder log;

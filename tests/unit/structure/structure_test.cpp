@@ -1,10 +1,9 @@
 // Walks the sources for includes that go against the plan of the rooms, and for what belongs into platform/ alone.
+#include "tests/support/files.h"
 #include "tests/unit/structure/structure_rules.h"
 
 #include <filesystem>
-#include <fstream>
 #include <gmock/gmock.h>
-#include <iterator>
 #include <set>
 
 namespace fs = std::filesystem;
@@ -41,9 +40,7 @@ TEST(Structure, SourcesKeepToTheRooms)
         if (!sourceEndings.count(entry.path().extension().string()))
             continue;
         const std::string path = entry.path().lexically_relative(root).generic_string();
-        std::ifstream file(entry.path(), std::ios::binary);
-        const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-        ASSERT_FALSE(file.bad()) << path;
+        const std::string text = zuTest::readFile(entry.path());
         ++files;
         const bool inFolder = path.find('/') != std::string::npos;
         EXPECT_TRUE(!inFolder || isKnownFolder(path.substr(0, path.rfind('/')))) << path << " is in no known folder";

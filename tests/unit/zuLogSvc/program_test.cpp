@@ -1,5 +1,5 @@
 // The program as a process: options, signals, exit statuses, one at a time, taking over from a dead one, viewers.
-#include "tests/unit/zuLogSvc/program.h"
+#include "tests/support/child_process.h"
 #include "tests/unit/zuLogSvc/support.h"
 
 #include "platform/shared_memory.h"
@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <optional>
 
 namespace {
@@ -17,9 +18,23 @@ using namespace zuLogSvc;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
+using zuTest::ChildProcess;
 using zuTest::eventually;
-using zuTest::Program;
 using zuTest::someMessage;
+
+/// The log service, as a user starts it.
+struct Program : ChildProcess {
+    explicit Program(std::vector<std::string> arguments, Output output = Output::apart)
+        : ChildProcess(command(std::move(arguments)), output)
+    {
+        closeInput();
+    }
+    static std::vector<std::string> command(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), zuTest::builtProgram("zuLogSvc"));
+        return arguments;
+    }
+};
 
 constexpr const char* started = "zuLogSvc [info] log service started, commands at 127.0.0.1:";
 
@@ -39,16 +54,13 @@ protected:
     }
     int run(std::vector<std::string> more, std::string* errors = nullptr, std::string* output = nullptr) const
     {
-        Program program(arguments(std::move(more)));
-        const int status = program.exitStatus();
+        const zuTest::Finished finished =
+            zuTest::runCommand(Program::command(arguments(std::move(more))), zuTest::patience, Program::Output::apart);
         if (output != nullptr)
-            *output = program.output();
-        if (errors != nullptr) {
-            // What has been written is read up to its end only by and by.
-            eventually([&] { return !program.errors().empty(); }, std::chrono::seconds(20));
-            *errors = program.errors();
-        }
-        return status;
+            *output = finished.output;
+        if (errors != nullptr)
+            *errors = finished.errors;
+        return finished.end.exited ? finished.end.status : -1;
     }
     /// Sends one message to the service that is published.
     void send(const LogMessage& message)
@@ -89,12 +101,12 @@ protected:
 TEST_F(ProgramTest, WritesLinesToStandardOutputAndEndsOnSigterm)
 {
     Program program(arguments({"--show", "process,location"}));
-    ASSERT_TRUE(program.printed(started));
+    ASSERT_TRUE(program.waitForOutput(started));
     send(someMessage("No destination for SendTo."));
-    EXPECT_TRUE(
-        program.printed("2026-Nov-12 10:58:49.123456 GEVSVC.Conn.0 [IPConnection|warn] No destination for SendTo. "
-                        "{pid 812, src/SockConnection.cpp(77)}\n"));
-    program.signal("TERM");
+    EXPECT_TRUE(program.waitForOutput(
+        "2026-Nov-12 10:58:49.123456 GEVSVC.Conn.0 [IPConnection|warn] No destination for SendTo. "
+        "{pid 812, src/SockConnection.cpp(77)}\n"));
+    program.signal(SIGTERM);
     EXPECT_EQ(program.exitStatus(), 0);
     EXPECT_THAT(program.output(), HasSubstr("zuLogSvc [info] log service ends; messages so far: 1"));
     EXPECT_EQ(program.errors(), "");
@@ -103,12 +115,12 @@ TEST_F(ProgramTest, WritesLinesToStandardOutputAndEndsOnSigterm)
 
 TEST_F(ProgramTest, EndsOnCtrlCAndOnHangUpWithoutSettings)
 {
-    for (const char* name : {"INT", "HUP"}) {
+    for (const int number : {SIGINT, SIGHUP}) {
         Program program(arguments({}));
-        ASSERT_TRUE(program.printed(started));
+        ASSERT_TRUE(program.waitForOutput(started));
         ASSERT_TRUE(eventually([] { return readConnectionBlock().has_value(); }));
-        program.signal(name);
-        EXPECT_EQ(program.exitStatus(), 0) << name;
+        program.signal(number);
+        EXPECT_EQ(program.exitStatus(), 0) << number;
         EXPECT_FALSE(readConnectionBlock());
     }
 }
@@ -117,26 +129,28 @@ TEST_F(ProgramTest, WritesJsonLines)
 {
     Program program(arguments({"--json"}));
     send(someMessage("t"));
-    EXPECT_TRUE(program.printed(R"({"time":"2026-11-12T10:58:49.123456","logger":"GEVSVC.Conn.0","level":"warn",)"));
+    EXPECT_TRUE(
+        program.waitForOutput(R"({"time":"2026-11-12T10:58:49.123456","logger":"GEVSVC.Conn.0","level":"warn",)"));
 }
 
 TEST_F(ProgramTest, ColoursOnlyWhenAskedToWhereNobodyLooks)
 {
     Program plain(arguments({}));
     send(someMessage("t"));
-    EXPECT_TRUE(plain.printed("\n2026-Nov-12 10:58:49.123456 GEVSVC.Conn.0 [IPConnection|warn] t\n"));
-    plain.signal("TERM");
+    EXPECT_TRUE(plain.waitForOutput("\n2026-Nov-12 10:58:49.123456 GEVSVC.Conn.0 [IPConnection|warn] t\n"));
+    plain.signal(SIGTERM);
     EXPECT_EQ(plain.exitStatus(), 0);
     Program coloured(arguments({"--colour", "always"}));
-    ASSERT_TRUE(coloured.printed(started));
+    ASSERT_TRUE(coloured.waitForOutput(started));
     send(someMessage("t"));
-    EXPECT_TRUE(coloured.printed("\x1b[93m2026-Nov-12 10:58:49.123456 GEVSVC.Conn.0 [IPConnection|warn] t\x1b[0m\n"));
+    EXPECT_TRUE(
+        coloured.waitForOutput("\x1b[93m2026-Nov-12 10:58:49.123456 GEVSVC.Conn.0 [IPConnection|warn] t\x1b[0m\n"));
 }
 
 TEST_F(ProgramTest, ASecondOneIsRefused)
 {
     Program first(arguments({}));
-    ASSERT_TRUE(first.printed(started));
+    ASSERT_TRUE(first.waitForOutput(started));
     ASSERT_TRUE(eventually([] { return readConnectionBlock().has_value(); }));
     const auto where = readConnectionBlock();
     std::string errors;
@@ -145,7 +159,7 @@ TEST_F(ProgramTest, ASecondOneIsRefused)
     EXPECT_EQ(readConnectionBlock(), where);
     EXPECT_TRUE(first.running());
     send(someMessage("the first still works"));
-    EXPECT_TRUE(first.printed("the first still works"));
+    EXPECT_TRUE(first.waitForOutput("the first still works"));
 }
 
 TEST_F(ProgramTest, TakesOverFromOneThatWasKilled)
@@ -153,18 +167,18 @@ TEST_F(ProgramTest, TakesOverFromOneThatWasKilled)
     Endpoints before;
     {
         Program first(arguments({}));
-        ASSERT_TRUE(first.printed(started));
+        ASSERT_TRUE(first.waitForOutput(started));
         ASSERT_TRUE(eventually([] { return readConnectionBlock().has_value(); }));
         before = *readConnectionBlock();
-        first.signal("KILL");
+        first.signal(SIGKILL);
         EXPECT_EQ(first.exitStatus(), -1);
     }
     EXPECT_EQ(readConnectionBlock(), before); // left behind
     Program second(arguments({"--command-port", "0"}));
-    ASSERT_TRUE(second.printed(started));
+    ASSERT_TRUE(second.waitForOutput(started));
     ASSERT_TRUE(eventually([&] { return readConnectionBlock().has_value() && readConnectionBlock() != before; }));
     send(someMessage("to the second"));
-    EXPECT_TRUE(second.printed("to the second"));
+    EXPECT_TRUE(second.waitForOutput("to the second"));
 }
 
 TEST_F(ProgramTest, WrongOptionsAreAUsageError)
@@ -239,21 +253,21 @@ TEST_F(ProgramTest, ReadsItsSettingsAgainOnSighup)
     };
     zuTest::writeFile(file, rule("warn"));
     Program program(arguments({"--config", file}));
-    ASSERT_TRUE(program.printed(started));
+    ASSERT_TRUE(program.waitForOutput(started));
     ASSERT_TRUE(eventually([] { return readConnectionBlock().has_value(); }));
     EXPECT_EQ(reply(), R"({"destination":"logsvc","level":"warn"})");
     zuTest::writeFile(file, rule("debug"));
-    program.signal("HUP");
-    ASSERT_TRUE(program.printed("settings read again: 1 rules, 1 outputs"));
+    program.signal(SIGHUP);
+    ASSERT_TRUE(program.waitForOutput("settings read again: 1 rules, 1 outputs"));
     EXPECT_EQ(reply(), R"({"destination":"logsvc","level":"debug"})");
 
     zuTest::writeFile(file, rule("DEBUG"));
-    program.signal("HUP");
-    ASSERT_TRUE(program.printed("the settings stay as they were"));
+    program.signal(SIGHUP);
+    ASSERT_TRUE(program.waitForOutput("the settings stay as they were"));
     EXPECT_THAT(program.output(), HasSubstr("zuLogSvc [err] " + file + ":1: /rules/0/level: unknown level \"DEBUG\""));
-    EXPECT_TRUE(program.complained("zuLogSvc: " + file + ":1: /rules/0/level: unknown level \"DEBUG\""));
+    EXPECT_TRUE(program.waitForErrors("zuLogSvc: " + file + ":1: /rules/0/level: unknown level \"DEBUG\""));
     EXPECT_EQ(reply(), R"({"destination":"logsvc","level":"debug"})");
-    program.signal("TERM");
+    program.signal(SIGTERM);
     EXPECT_EQ(program.exitStatus(), 0);
 }
 
@@ -270,7 +284,7 @@ TEST_F(ProgramTest, WritesToTheFilesOfItsSettings)
                    std::string::npos &&
                zuTest::readFile(folder.file("json")).find(R"("text":"hello","process":812)") != std::string::npos;
     }));
-    program.signal("TERM");
+    program.signal(SIGTERM);
     EXPECT_EQ(program.exitStatus(), 0);
     EXPECT_EQ(program.output(), "");
 }
@@ -278,7 +292,7 @@ TEST_F(ProgramTest, WritesToTheFilesOfItsSettings)
 TEST_F(ProgramTest, FollowsTheRunningService)
 {
     Program service(arguments({}));
-    ASSERT_TRUE(service.printed(started));
+    ASSERT_TRUE(service.waitForOutput(started));
     Program viewer(
         arguments({"--follow", "--level", "warn", "--logger", "Conn", "--group", "IP*", "--show", "thread"}));
     std::uint64_t number = 0;
@@ -290,10 +304,10 @@ TEST_F(ProgramTest, FollowsTheRunningService)
         return viewer.output().find("GEVSVC.Conn.0 [IPConnection|warn] to be seen {tid 815}\n") != std::string::npos;
     }));
     EXPECT_THAT(viewer.output(), Not(HasSubstr("not to be seen")));
-    viewer.signal("INT");
+    viewer.signal(SIGINT);
     EXPECT_EQ(viewer.exitStatus(), 0);
     EXPECT_TRUE(service.running());
-    service.signal("TERM");
+    service.signal(SIGTERM);
     EXPECT_EQ(service.exitStatus(), 0);
 }
 
@@ -307,8 +321,8 @@ TEST_F(ProgramTest, FollowWithoutAServiceSaysSo)
 TEST_F(ProgramTest, AViewerWhoseReaderGoesAwayEnds)
 {
     Program service(arguments({}));
-    ASSERT_TRUE(service.printed(started));
-    Program viewer(arguments({"--follow"}), false);
+    ASSERT_TRUE(service.waitForOutput(started));
+    Program viewer(arguments({"--follow"}), Program::Output::unread);
     viewer.closeOutput();
     std::uint64_t number = 0;
     EXPECT_TRUE(eventually([&] {
@@ -320,16 +334,16 @@ TEST_F(ProgramTest, AViewerWhoseReaderGoesAwayEnds)
 
 TEST_F(ProgramTest, AServiceWhoseOutputIsStuckStillAnswersAndEnds)
 {
-    Program program(arguments({}), false);
+    Program program(arguments({}), Program::Output::unread);
     ASSERT_TRUE(eventually([] { return readConnectionBlock().has_value(); }));
     // More than a pipe takes: the writing thread now stands still.
     for (std::uint64_t i = 1; i <= 3000; ++i)
         send(someMessage(std::string(500, 'x'), i));
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(reply(), R"({"destination":"logsvc","level":"info"})");
-    program.signal("TERM");
+    program.signal(SIGTERM);
     EXPECT_EQ(program.exitStatus(), 1);
-    EXPECT_TRUE(program.complained("an output takes no more"));
+    EXPECT_TRUE(program.waitForErrors("an output takes no more"));
     EXPECT_FALSE(readConnectionBlock());
 }
 
@@ -338,13 +352,13 @@ TEST_F(ProgramTest, WhatAFullDiskNeverTookIsAFailureAtTheEnd)
     const std::string file = folder.file("settings.json");
     zuTest::writeFile(file, R"({"outputs": [{"type": "file", "path": "/dev/full"}, {"type": "stdout"}]})");
     Program program(arguments({"--config", file}));
-    ASSERT_TRUE(program.printed(started));
+    ASSERT_TRUE(program.waitForOutput(started));
     send(someMessage("shown elsewhere"));
-    ASSERT_TRUE(program.printed("shown elsewhere"));
-    program.signal("TERM");
+    ASSERT_TRUE(program.waitForOutput("shown elsewhere"));
+    program.signal(SIGTERM);
     EXPECT_EQ(program.exitStatus(), 1);
     // The start, the message, the trouble, the end.
-    EXPECT_TRUE(program.complained("zuLogSvc: 4 lines lost, the latest at /dev/full")) << program.errors();
+    EXPECT_TRUE(program.waitForErrors("zuLogSvc: 4 lines lost, the latest at /dev/full")) << program.errors();
     EXPECT_THAT(program.output(), HasSubstr("zuLogSvc [warn] 4 lines lost, the latest at /dev/full\n"));
     EXPECT_FALSE(readConnectionBlock());
 }
@@ -352,11 +366,11 @@ TEST_F(ProgramTest, WhatAFullDiskNeverTookIsAFailureAtTheEnd)
 TEST_F(ProgramTest, ABlockThatIsCutShortEndsNothing)
 {
     Program program(arguments({}));
-    ASSERT_TRUE(program.printed(started));
+    ASSERT_TRUE(program.waitForOutput(started));
     ASSERT_TRUE(eventually([] { return readConnectionBlock().has_value(); }));
     send(someMessage("before the end"));
     std::filesystem::resize_file("/dev/shm/" + prefix + "Global.zuLogSvcConnectionInfo", 0);
-    program.signal("TERM");
+    program.signal(SIGTERM);
     EXPECT_EQ(program.exitStatus(), 0);
     EXPECT_THAT(program.output(), HasSubstr("before the end\n"));
     EXPECT_THAT(program.output(), HasSubstr("zuLogSvc [info] log service ends; messages so far: 1\n"));
@@ -367,7 +381,7 @@ TEST_F(ProgramTest, AServiceWhoseOutputGoesAwayStays)
     const std::string file = folder.file("settings.json");
     zuTest::writeFile(file,
                       R"({"outputs": [{"type": "stdout"}, {"type": "file", "path": ")" + folder.file("log") + "\"}]}");
-    Program program(arguments({"--config", file}), false);
+    Program program(arguments({"--config", file}), Program::Output::unread);
     ASSERT_TRUE(eventually([] { return readConnectionBlock().has_value(); }));
     program.closeOutput();
     std::uint64_t number = 0;
@@ -376,9 +390,9 @@ TEST_F(ProgramTest, AServiceWhoseOutputGoesAwayStays)
         return zuTest::readFile(folder.file("log"))
                    .find("zuLogSvc [warn] standard output: cannot write: Broken pipe") != std::string::npos;
     }));
-    EXPECT_TRUE(program.complained("zuLogSvc: standard output: cannot write: Broken pipe"));
+    EXPECT_TRUE(program.waitForErrors("zuLogSvc: standard output: cannot write: Broken pipe"));
     EXPECT_TRUE(program.running());
-    program.signal("TERM");
+    program.signal(SIGTERM);
     EXPECT_EQ(program.exitStatus(), 0);
 }
 

@@ -1,5 +1,6 @@
 // The service in this process, over real sockets: messages to lines, loss, reload, viewers, the connection block.
 #include "tests/support/child_process.h"
+#include "tests/support/forked_child.h"
 #include "tests/unit/zuLogSvc/support.h"
 
 #include "platform/shared_memory.h"
@@ -17,7 +18,6 @@
 #include <map>
 #include <random>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -530,20 +530,17 @@ TEST_F(Published, AnotherUsersBlockIsNotWrittenTo)
     int error = 0;
     const auto left = zuPlatform::SharedMemory::create(connectionBlockName, Block::bytes, error);
     ASSERT_NE(left, nullptr);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        if (::setuid(65534) != 0)
-            ::_exit(3);
-        try {
-            const ConnectionBlock block(endpoints(3, 4));
-        } catch (const PublicationError& refused) {
-            ::_exit(std::strstr(refused.what(), "only that user and root can remove") != nullptr ? 0 : 2);
-        }
-        ::_exit(1);
-    }
-    int status = -1;
-    EXPECT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(zuTest::inChild([] {
+                  if (::setuid(65534) != 0)
+                      return 3;
+                  try {
+                      const ConnectionBlock block(endpoints(3, 4));
+                  } catch (const PublicationError& refused) {
+                      return std::strstr(refused.what(), "only that user and root can remove") != nullptr ? 0 : 2;
+                  }
+                  return 1;
+              }),
+              0);
     const auto* view = static_cast<const std::uint8_t*>(left->map(Block::bytes));
     EXPECT_EQ(Packet(view, view + Block::bytes), Packet(Block::bytes));
 }

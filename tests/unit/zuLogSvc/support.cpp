@@ -5,41 +5,8 @@
 #include "tools/zuLogSvc/protocol.h"
 
 #include <algorithm>
-#include <iterator>
 
 namespace zuTest {
-
-TemporaryFolder::TemporaryFolder()
-{
-    static std::atomic<unsigned> count{0};
-    path_ = std::filesystem::temp_directory_path() / ("zuLogSvc-test-" + uniquePrefix() + std::to_string(count++));
-    std::filesystem::create_directories(path_);
-}
-
-TemporaryFolder::~TemporaryFolder()
-{
-    std::error_code error;
-    std::filesystem::remove_all(path_, error);
-}
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void writeFile(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
-
-std::vector<std::string> splitLines(const std::string& text)
-{
-    std::vector<std::string> lines;
-    std::size_t from = 0;
-    for (std::size_t end; (end = text.find('\n', from)) != std::string::npos; from = end + 1)
-        lines.push_back(text.substr(from, end - from));
-    if (from != text.size())
-        lines.push_back(text.substr(from));
-    return lines;
-}
 
 zuLogSvc::LogMessage someMessage(const std::string& text, std::uint64_t sequence)
 {
@@ -61,17 +28,6 @@ zuLogSvc::LogMessage someMessage(const std::string& text, std::uint64_t sequence
 zuLogSvc::Packet datagramOf(const zuLogSvc::LogMessage& message)
 {
     return zuLogSvc::encodeMessage(zuLogSvc::cmdMessage, 7, zuLogSvc::encodeContainer(message));
-}
-
-bool eventually(const std::function<bool()>& condition, std::chrono::seconds deadline)
-{
-    const auto end = std::chrono::steady_clock::now() + deadline;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
 }
 
 std::string uniquePrefix()

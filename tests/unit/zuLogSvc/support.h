@@ -1,18 +1,15 @@
-// What the tests of the log service share: bytes as text, a clock that stands still, a folder that goes away, waiting.
+// What the tests of the log service share: bytes as text, a clock that stands still, messages.
 #pragma once
 
+#include "tests/support/eventually.h"
+#include "tests/support/files.h"
 #include "tools/zuLogSvc/output.h"
 #include "tools/zuLogSvc/packet_encoder.h"
 #include "tools/zuLogSvc/timestamp.h"
 
 #include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <functional>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace zuTest {
@@ -46,29 +43,11 @@ public:
     std::atomic<std::uint64_t> steady{1'000'000};
 };
 
-class TemporaryFolder {
-public:
-    TemporaryFolder();
-    ~TemporaryFolder();
-    std::string file(const std::string& name) const { return (path_ / name).string(); }
-    const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
-};
-
-std::string readFile(const std::string& path);
-void writeFile(const std::string& path, const std::string& text);
-std::vector<std::string> splitLines(const std::string& text);
-
 /// A message as the daemon would send it.
 zuLogSvc::LogMessage someMessage(const std::string& text, std::uint64_t sequence = 1);
 
 /// The datagram of a message.
 zuLogSvc::Packet datagramOf(const zuLogSvc::LogMessage& message);
-
-/// Looks at the condition until it holds; false after the deadline.
-bool eventually(const std::function<bool()>& condition, std::chrono::seconds deadline = std::chrono::seconds(60));
 
 /// A prefix of machine-wide names that no other process uses.
 std::string uniquePrefix();
