@@ -5,10 +5,8 @@
 
 #include "platform/thread.h"
 
-#include <array>
 #include <chrono>
 #include <condition_variable>
-#include <ctime>
 #include <deque>
 #include <mutex>
 
@@ -31,18 +29,6 @@ constexpr std::uint64_t pingEveryMs = 2000;
 constexpr std::uint32_t watchStepMs = 100;
 
 std::uint64_t milliseconds() { return zuPlatform::steadyNanoseconds() / 1000000; }
-
-/// UTC, to the millisecond.
-std::string timeStamp()
-{
-    const auto now = std::chrono::system_clock::now();
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
-    const auto sinceEpoch = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch());
-    std::array<char, 40> text{};
-    const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", std::gmtime(&seconds));
-    std::snprintf(text.data() + length, text.size() - length, ".%03dZ", static_cast<int>(sinceEpoch.count() % 1000));
-    return text.data();
-}
 
 /// A register that not every camera has.
 void addOptional(Json& json, const char* name, Connection& connection, std::uint32_t address, bool hexadecimal)
@@ -187,7 +173,7 @@ void runWatch(const Options& options, const Surroundings& around)
     Connection connection = connect(unlinked);
     connection.setEventHandler([&](Event event) {
         const std::lock_guard<std::mutex> lock(mutex);
-        events.emplace_back(timeStamp(), event);
+        events.emplace_back(utcStamp(std::chrono::system_clock::now()), event);
         arrived.notify_one();
     });
     const auto tell = [&](const std::string& time, const std::string& what) {
@@ -199,7 +185,7 @@ void runWatch(const Options& options, const Surroundings& around)
     connection.link(options.access.value());
     if (options.heartbeatMs)
         connection.setHeartbeat(zuGevClient::Milliseconds(*options.heartbeatMs));
-    tell(timeStamp(), "linked");
+    tell(utcStamp(std::chrono::system_clock::now()), "linked");
 
     const std::uint64_t start = milliseconds();
     std::uint64_t lastPing = start;
@@ -224,7 +210,7 @@ void runWatch(const Options& options, const Surroundings& around)
     connection.close();
     for (const auto& [time, event] : events)
         tell(time, zuGevClient::toString(event));
-    tell(timeStamp(), "unlinked");
+    tell(utcStamp(std::chrono::system_clock::now()), "unlinked");
 }
 
 } // namespace gevctl

@@ -1,4 +1,4 @@
-// Parsing and printing of numbers.
+// Parsing and printing of numbers and times.
 #include "tools/gevctl/numbers.h"
 
 #include <array>
@@ -71,6 +71,20 @@ std::string hex32(std::uint32_t value)
 {
     std::array<char, 16> text{};
     std::snprintf(text.data(), text.size(), "0x%08X", value);
+    return text.data();
+}
+
+std::string utcStamp(std::chrono::system_clock::time_point moment)
+{
+    using namespace std::chrono;
+    const auto day = floor<days>(moment);
+    const year_month_day date(day);
+    const hh_mm_ss time(floor<milliseconds>(moment) - day);
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ", static_cast<int>(date.year()),
+                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                  static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
+                  static_cast<int>(time.seconds().count()), static_cast<int>(time.subseconds().count()));
     return text.data();
 }
 

@@ -1,6 +1,7 @@
-// Numbers as people type and read them.
+// Numbers and times as people type and read them.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -19,6 +20,9 @@ std::optional<std::vector<std::uint8_t>> parseHexBytes(const std::string& text);
 
 /// "0x" and at least eight digits.
 std::string hex32(std::uint32_t value);
+
+/// UTC, to the millisecond: "2026-11-12T10:58:49.123Z". Any thread.
+std::string utcStamp(std::chrono::system_clock::time_point moment);
 
 /// Sixteen bytes a line: address, bytes, and what of them is printable.
 std::string hexDump(std::uint32_t address, const std::vector<std::uint8_t>& bytes);

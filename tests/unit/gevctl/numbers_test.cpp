@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
 #include <sstream>
 
 namespace {
@@ -55,6 +57,29 @@ TEST(NumbersTest, hexDump)
     EXPECT_EQ(hexDump(0xFFFFFFF0, bytes),
               "FFFFFFF0  41 00 41 41 41 41 41 41  41 41 41 41 41 41 41 41  |A.AAAAAAAAAAAAAA|\n"
               "00000000  41 FF                                             |A.|\n");
+}
+
+TEST(NumbersTest, utcStamps)
+{
+    using namespace std::chrono;
+    const sys_days day = 2024y / February / 29;
+    EXPECT_EQ(utcStamp(day + 23h + 59min + 58s + 7ms), "2024-02-29T23:59:58.007Z");
+    EXPECT_EQ(utcStamp(sys_days(1970y / January / 1)), "1970-01-01T00:00:00.000Z");
+    EXPECT_EQ(utcStamp(sys_days(1970y / January / 1) - 1ms), "1969-12-31T23:59:59.999Z");
+}
+
+TEST(NumbersTest, utcStampsOfTwoThreadsDoNotMix)
+{
+    using namespace std::chrono;
+    const auto all = [](system_clock::time_point moment, const std::string& text) {
+        for (int i = 0; i < 20000; ++i)
+            if (utcStamp(moment) != text)
+                return false;
+        return true;
+    };
+    auto other = std::async(std::launch::async, all, sys_days(1999y / December / 31), "1999-12-31T00:00:00.000Z");
+    EXPECT_TRUE(all(sys_days(2026y / November / 12), "2026-11-12T00:00:00.000Z"));
+    EXPECT_TRUE(other.get());
 }
 
 TEST(ProgressTest, line)
