@@ -1,8 +1,9 @@
 // Making, naming and queueing of faults.
 #include "tools/gevsim/fault.h"
 
+#include "tools/gevsim/wire.h"
+
 #include <algorithm>
-#include <cstdio>
 
 namespace gevsim {
 
@@ -17,13 +18,6 @@ Fault make(Fault::Kind kind, std::uint32_t count)
 }
 
 std::string milliseconds(Fault::Milliseconds time) { return " " + std::to_string(time.count()); }
-
-std::string hex(std::uint16_t value)
-{
-    char text[8];
-    std::snprintf(text, sizeof text, " 0x%04X", value);
-    return text;
-}
 
 const char* formName(Fault::PendingForm form)
 {
@@ -181,13 +175,13 @@ std::string Fault::text() const
         text = "hold";
         break;
     case Kind::status:
-        text = "status" + hex(value);
+        text = "status " + hex(value, 4);
         break;
     case Kind::wrongId:
         text = "wrong-id " + std::to_string(static_cast<std::int16_t>(value));
         break;
     case Kind::ackCode:
-        text = "ack-code" + hex(value);
+        text = "ack-code " + hex(value, 4);
         break;
     case Kind::evenCode:
         text = "even";

@@ -2,24 +2,17 @@
 #include "tools/gevsim/genicam.h"
 
 #include "tools/gevsim/registers.h"
+#include "tools/gevsim/wire.h"
 
 #include <boost/crc.hpp>
 
 #include <zlib.h>
 
-#include <cstdio>
 #include <stdexcept>
 
 namespace gevsim {
 
 namespace {
-
-std::string hex(std::uint32_t value)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%X", static_cast<unsigned>(value));
-    return text;
-}
 
 std::string tag(const std::string& name, const std::string& value)
 {

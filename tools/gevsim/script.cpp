@@ -2,10 +2,10 @@
 #include "tools/gevsim/script.h"
 
 #include "tools/gevsim/camera.h"
+#include "tools/gevsim/wire.h"
 
 #include <cctype>
 #include <charconv>
-#include <cstdio>
 #include <functional>
 #include <limits>
 #include <map>
@@ -33,13 +33,6 @@ bool parseNumber(const std::string& text, std::uint64_t& value)
     const char* end = text.data() + text.size();
     const auto result = std::from_chars(begin, end, value, isHex ? 16 : 10);
     return result.ec == std::errc() && result.ptr == end && begin != end;
-}
-
-std::string hex(std::uint32_t value)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(value));
-    return text;
 }
 
 /// The words behind the verb, taken one after the other.
@@ -331,7 +324,7 @@ std::optional<Action> registerAction(const std::string& verb, Words& words)
     };
     if (verb == "read") {
         const std::uint32_t address = registerAddress();
-        return [address](Camera& camera) { return hex(camera.readRegister(address)); };
+        return [address](Camera& camera) { return hex(camera.readRegister(address), 8); };
     }
     if (verb == "write") {
         const std::uint32_t address = registerAddress();

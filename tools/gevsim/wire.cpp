@@ -24,13 +24,6 @@ constexpr Name names[] = {
     {Command::eventData, "EVENTDATA"}, {Command::action, "ACTION"},
 };
 
-std::string hex(std::uint32_t value, int digits)
-{
-    std::array<char, 16> text{};
-    std::snprintf(text.data(), text.size(), "0x%0*X", digits, static_cast<unsigned>(value));
-    return text.data();
-}
-
 std::string malformed(const std::uint8_t* data, std::size_t size)
 {
     std::string text = "malformed, " + std::to_string(size) + " bytes";
@@ -162,6 +155,13 @@ std::string describeAcknowledge(const std::uint8_t* data, std::size_t size)
         break;
     }
     return text + lengthNote(data, size);
+}
+
+std::string hex(std::uint32_t value, int digits)
+{
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), "0x%0*X", digits, static_cast<unsigned>(value));
+    return text.data();
 }
 
 } // namespace gevsim

@@ -111,4 +111,7 @@ std::optional<Command> commandByName(const std::string& name);
 std::string describeCommand(const std::uint8_t* data, std::size_t size);
 std::string describeAcknowledge(const std::uint8_t* data, std::size_t size);
 
+/// "0x" and at least so many digits.
+std::string hex(std::uint32_t value, int digits = 1);
+
 } // namespace gevsim
