@@ -3,14 +3,9 @@
 
 #include "tools/gevsim/script.h"
 
-#include <boost/program_options.hpp>
-
-#include <cstdio>
-#include <sstream>
+#include <CLI/CLI.hpp>
 
 namespace gevsim {
-
-namespace po = boost::program_options;
 
 namespace {
 
@@ -38,6 +33,7 @@ std::uint64_t macOf(const std::string& text)
 struct Typed {
     std::string address = "127.0.0.1", mac;
     std::int64_t port = gvcpPort, count = 1, memory = 1024, heartbeat = 3000;
+    bool noBroadcast = false, freeWrites = false, noInput = false;
 };
 
 std::int64_t inRange(const char* option, std::int64_t value, std::int64_t least, std::int64_t most)
@@ -48,42 +44,48 @@ std::int64_t inRange(const char* option, std::int64_t value, std::int64_t least,
     return value;
 }
 
-po::options_description describe(Options& options, Typed& typed)
+void describe(CLI::App& app, Options& options, Typed& typed)
 {
     Config& camera = options.camera;
-    constexpr unsigned lineLength = 118, textLength = 84;
-    po::options_description where("Where it listens", lineLength, textLength);
-    where.add_options()("address,a", po::value(&typed.address)->value_name("IP")->default_value(typed.address),
-                        "IPv4 address of the camera")(
-        "port,p", po::value(&typed.port)->value_name("PORT")->default_value(typed.port),
-        "UDP port; 0 lets the system choose")("count,n",
-                                              po::value(&typed.count)->value_name("N")->default_value(typed.count),
-                                              "so many cameras, each at the address after the last one's")(
-        "no-broadcast", "does not answer discovery that is sent to broadcast addresses");
-    po::options_description what("What it is", lineLength, textLength);
-    what.add_options()(
-        "manufacturer", po::value(&camera.manufacturer)->value_name("TEXT")->default_value(camera.manufacturer),
-        "manufacturer's name")("model", po::value(&camera.model)->value_name("TEXT")->default_value(camera.model),
-                               "model name")("serial", po::value(&camera.serial)->value_name("TEXT"),
-                                             "serial number (made from address and port)")(
-        "user-name", po::value(&camera.userName)->value_name("TEXT"), "user-defined name")(
-        "mac", po::value(&typed.mac)->value_name("MAC"), "MAC address (made from address and port)")(
-        "memory", po::value(&typed.memory)->value_name("KIB")->default_value(typed.memory),
-        "size of the writable memory at 0x10000, in KiB")(
-        "heartbeat", po::value(&typed.heartbeat)->value_name("MS")->default_value(typed.heartbeat),
-        "heartbeat timeout; 0 never drops control")("zip", "keeps the GenICam file zipped")(
-        "free-writes", "lets everybody write while nobody holds control")(
-        "strict", "refuses WRITEMEM whose length is no multiple of 4");
-    po::options_description doing("What it does", lineLength, textLength);
-    doing.add_options()("execute,x", po::value(&options.commands)->value_name("LINE")->composing(),
-                        "executes a command before it starts; repeatable")(
-        "seed", po::value(&camera.seed)->value_name("N")->default_value(camera.seed),
-        "seed of random loss")("trace,t", "prints every datagram as a line")(
-        "no-input", "does not read commands from standard input, as for the background of a terminal")(
-        "exit-on-eof", "ends when standard input ends")("help,h", "prints this text")("version", "prints the version");
-    po::options_description all(lineLength, textLength);
-    all.add(where).add(what).add(doing);
-    return all;
+    app.set_help_flag(); // it is an option as the others are
+    app.get_formatter()->column_width(36);
+
+    std::string group = "Where it listens";
+    const auto value = [&](const char* name, auto& target, const char* type, const char* help) {
+        return app.add_option(name, target, help)->type_name(type)->group(group);
+    };
+    const auto flag = [&](const char* name, bool& target, const char* help) {
+        app.add_flag(name, target, help)->group(group);
+    };
+    value("-a,--address", typed.address, "IP", "IPv4 address of the camera")->capture_default_str();
+    value("-p,--port", typed.port, "PORT", "UDP port; 0 lets the system choose")->capture_default_str();
+    value("-n,--count", typed.count, "N", "So many cameras, each at the address after the last one's")
+        ->capture_default_str();
+    flag("--no-broadcast", typed.noBroadcast, "Does not answer discovery that is sent to broadcast addresses");
+
+    group = "What it is";
+    value("--manufacturer", camera.manufacturer, "TEXT", "Manufacturer's name")->capture_default_str();
+    value("--model", camera.model, "TEXT", "Model name")->capture_default_str();
+    value("--serial", camera.serial, "TEXT", "Serial number (made from address and port)");
+    value("--user-name", camera.userName, "TEXT", "User-defined name");
+    value("--mac", typed.mac, "MAC", "MAC address (made from address and port)");
+    value("--memory", typed.memory, "KIB", "Size of the writable memory at 0x10000, in KiB")->capture_default_str();
+    value("--heartbeat", typed.heartbeat, "MS", "Heartbeat timeout; 0 never drops control")->capture_default_str();
+    flag("--zip", camera.zippedXml, "Keeps the GenICam file zipped");
+    flag("--free-writes", typed.freeWrites, "Lets everybody write while nobody holds control");
+    flag("--strict", camera.strictWriteMem, "Refuses WRITEMEM whose length is no multiple of 4");
+
+    group = "What it does";
+    value("-x,--execute", options.commands, "LINE", "Executes a command before it starts; may be repeated")
+        ->expected(1)
+        ->take_all();
+    value("--seed", camera.seed, "N", "Seed of random loss")->capture_default_str();
+    flag("-t,--trace", options.trace, "Prints every datagram as a line");
+    flag("--no-input", typed.noInput,
+         "Does not read commands from standard input, as for the\nbackground of a terminal");
+    flag("--exit-on-eof", options.endWithInput, "Ends when standard input ends");
+    flag("-h,--help", options.help, "Prints this text");
+    flag("--version", options.version, "Prints the version");
 }
 
 } // namespace
@@ -92,17 +94,13 @@ Options parseOptions(int argc, const char* const* argv)
 {
     Options options;
     Typed typed;
-    po::variables_map given;
+    CLI::App app;
+    describe(app, options, typed);
     try {
-        const po::options_description all = describe(options, typed);
-        const po::positional_options_description none;
-        po::store(po::command_line_parser(argc, argv).options(all).positional(none).run(), given);
-        po::notify(given);
-    } catch (const po::error& error) {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
         throw UsageError(error.what());
     }
-    options.help = given.count("help") != 0;
-    options.version = given.count("version") != 0;
     if (options.help || options.version)
         return options;
 
@@ -120,14 +118,10 @@ Options parseOptions(int argc, const char* const* argv)
         static_cast<std::uint32_t>(inRange("heartbeat", typed.heartbeat, 0, 0xFFFFFFFF));
     if (!typed.mac.empty())
         options.camera.mac = macOf(typed.mac);
-    options.camera.broadcastDiscovery = given.count("no-broadcast") == 0;
-    options.camera.zippedXml = given.count("zip") != 0;
-    options.camera.writesNeedControl = given.count("free-writes") == 0;
-    options.camera.strictWriteMem = given.count("strict") != 0;
+    options.camera.broadcastDiscovery = !typed.noBroadcast;
+    options.camera.writesNeedControl = !typed.freeWrites;
     options.camera.recording = false;
-    options.trace = given.count("trace") != 0;
-    options.input = given.count("no-input") == 0;
-    options.endWithInput = given.count("exit-on-eof") != 0;
+    options.input = !typed.noInput;
     if (options.endWithInput && !options.input)
         throw UsageError("--exit-on-eof and --no-input exclude each other");
     return options;
@@ -137,30 +131,29 @@ std::string helpText()
 {
     Options options;
     Typed typed;
-    std::ostringstream text;
-    text << "Usage: gevsim [OPTION]...\n"
-            "A simulated GigE Vision camera. It answers GVCP on one address until it is told to stop (Ctrl-C), can be "
-            "found\n"
-            "by discovery, and does wrong what it is told to do wrong.\n"
-         << describe(options, typed)
-         << "\nMemory\n"
-            "  0x00000000  bootstrap registers          0x0000A000  registers of the GenICam features\n"
-            "  0x00010000  writable memory              0x20000000  GenICam file, read only\n"
-            "\nCommands, for --execute and for standard input, one a line\n"
-         << scriptHelp()
-         << "\nOf the program\n"
-            "    @N COMMAND           only for the N-th camera; without it for all of them\n"
-            "    trace on|off         prints every datagram, or doesn't\n"
-            "    quit                 ends the program\n"
-            "\nExamples\n"
-            "  gevsim                               a camera on 127.0.0.1, port 3956\n"
-            "  gevsim -a 127.0.0.5 -t               another one beside it, which prints what it is sent\n"
-            "  gevsim -x 'pending 500 times=3'      the first command takes three times half a second\n"
-            "  gevsim -x 'loss 5 seed=7'            loses one datagram in twenty, the same ones each time\n"
-            "  gevsim -n 16 -a 127.0.1.1            sixteen cameras, from 127.0.1.1 to 127.0.1.16\n"
-            "  echo 'power-cycle 2000' | gevsim     goes off for two seconds, and on with its work\n"
-            "\nExit status: 0 after a stop that was asked for, 1 if it can't listen, 2 for a wrong command line.\n";
-    return text.str();
+    CLI::App app(
+        "A simulated GigE Vision camera. It answers GVCP on one address until it is told to stop (Ctrl-C), can be "
+        "found\nby discovery, and does wrong what it is told to do wrong.",
+        "gevsim");
+    describe(app, options, typed);
+    return app.help() +
+           "\nMemory:\n"
+           "  0x00000000  bootstrap registers          0x0000A000  registers of the GenICam features\n"
+           "  0x00010000  writable memory              0x20000000  GenICam file, read only\n"
+           "\nCommands, for --execute and for standard input, one a line:\n" +
+           scriptHelp() +
+           "\nOf the program:\n"
+           "    @N COMMAND           only for the N-th camera; without it for all of them\n"
+           "    trace on|off         prints every datagram, or doesn't\n"
+           "    quit                 ends the program\n"
+           "\nExamples:\n"
+           "  gevsim                               a camera on 127.0.0.1, port 3956\n"
+           "  gevsim -a 127.0.0.5 -t               another one beside it, which prints what it is sent\n"
+           "  gevsim -x 'pending 500 times=3'      the first command takes three times half a second\n"
+           "  gevsim -x 'loss 5 seed=7'            loses one datagram in twenty, the same ones each time\n"
+           "  gevsim -n 16 -a 127.0.1.1            sixteen cameras, from 127.0.1.1 to 127.0.1.16\n"
+           "  echo 'power-cycle 2000' | gevsim     goes off for two seconds, and on with its work\n"
+           "\nExit status: 0 after a stop that was asked for, 1 if it can't listen, 2 for a wrong command line.\n";
 }
 
 } // namespace gevsim
