@@ -4,33 +4,11 @@
 #include <cctype>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 
 namespace zuTest::structure {
 
 namespace {
-
-struct Room {
-    std::string folder;
-    std::vector<std::string> mayInclude;
-};
-
-// The first that fits holds, so a room inside another stands before it.
-const std::vector<Room> rooms = {
-    {"platform/", {}},
-    {"logging/", {"platform/"}},
-    {"stream/", {"platform/"}},
-    {"GevTLBase/IPCPipe/", {"platform/", "logging/"}},
-    {"GevTLBase/", {"platform/", "logging/"}},
-    {"src/", {"platform/", "logging/", "GevTLBase/IPCPipe/", "GevTLBase/"}},
-    {"client/", {"GevTLBase/IPCPipe/", "platform/", "logging/"}},
-    {"genicam/", {}},
-    {"features/", {"client/", "genicam/", "platform/"}},
-    {"tools/gevctl/", {"client/", "genicam/", "features/", "platform/"}},
-    {"tools/gevsim/", {"platform/"}},
-    {"tools/zuLogSvc/", {"platform/"}},
-};
-
-const std::vector<std::string> freeFolders = {"tests/", "bench/", "fuzz/", "packaging/", "docs/", "cmake/", "scripts/"};
 
 // Headers of a system for sockets, memory mapping, processes, threads and terminals; Windows' names in small letters.
 const std::vector<std::string> systemFolders = {"sys/",   "net/", "netinet/", "arpa/",
@@ -50,11 +28,33 @@ const std::set<std::string> systemNames = {
 
 bool startsWith(const std::string& text, const std::string& start) { return text.compare(0, start.size(), start) == 0; }
 
-const Room* roomOf(const std::string& path)
+/// What stands in backticks and names a folder.
+std::vector<std::string> foldersIn(const std::string& cell)
 {
-    const auto found =
-        std::find_if(rooms.begin(), rooms.end(), [&](const Room& room) { return startsWith(path, room.folder); });
-    return found == rooms.end() ? nullptr : &*found;
+    std::vector<std::string> found;
+    for (std::size_t open = cell.find('`'); open != std::string::npos; open = cell.find('`', open + 1)) {
+        const std::size_t close = cell.find('`', open + 1);
+        if (close == std::string::npos)
+            break;
+        if (cell[close - 1] == '/')
+            found.push_back(cell.substr(open + 1, close - open - 1));
+        open = close;
+    }
+    return found;
+}
+
+/// The cells of a table's line, blanks around them left out; none for any other line.
+std::vector<std::string> cellsOf(const std::string& line)
+{
+    std::vector<std::string> cells;
+    if (!startsWith(line, "|"))
+        return cells;
+    std::istringstream text(line.substr(1));
+    for (std::string cell; std::getline(text, cell, '|');) {
+        const std::size_t first = cell.find_first_not_of(' ');
+        cells.push_back(first == std::string::npos ? "" : cell.substr(first, cell.find_last_not_of(' ') - first + 1));
+    }
+    return cells;
 }
 
 /// The text with comments as blanks; line ends stay, and so do strings.
@@ -148,8 +148,60 @@ std::string systemNameIn(const std::string& directive)
     return {};
 }
 
+} // namespace
+
+Rules::Rules(const std::string& page)
+{
+    std::size_t folder = 0;
+    std::size_t mayInclude = 0;
+    std::istringstream lines(page);
+    for (std::string line; std::getline(lines, line);) {
+        const std::vector<std::string> cells = cellsOf(line);
+        const auto column = [&](const char* name) { return std::find(cells.begin(), cells.end(), name); };
+        if (mayInclude == 0) {
+            if (column("folder") == cells.end() || column("may include") == cells.end())
+                continue;
+            folder = static_cast<std::size_t>(column("folder") - cells.begin());
+            mayInclude = static_cast<std::size_t>(column("may include") - cells.begin());
+            if (!std::getline(lines, line) || !startsWith(line, "|-"))
+                throw std::runtime_error("the table of rooms has no line below its head");
+        } else if (!cells.empty()) {
+            addRow(cells, folder, mayInclude);
+        } else {
+            break;
+        }
+    }
+    if (rooms_.empty())
+        throw std::runtime_error("no table of rooms");
+}
+
+void Rules::addRow(const std::vector<std::string>& cells, std::size_t folder, std::size_t mayInclude)
+{
+    if (cells.size() <= std::max(folder, mayInclude) || foldersIn(cells[folder]).empty())
+        throw std::runtime_error("a row of the table of rooms has no folder");
+    const std::string& words = cells[mayInclude];
+    Room room;
+    room.mayInclude = foldersIn(words);
+    room.free = words == "anything";
+    if (room.mayInclude.empty() && !room.free && words != "nothing of ours")
+        throw std::runtime_error("what may " + cells[folder] + " include? \"" + words + '"');
+    for (const std::string& each : foldersIn(cells[folder])) {
+        room.folder = each;
+        rooms_.push_back(room);
+    }
+}
+
+const Rules::Room* Rules::roomOf(const std::string& path) const
+{
+    const Room* found = nullptr;
+    for (const Room& room : rooms_)
+        if (startsWith(path, room.folder) && (!found || room.folder.size() > found->folder.size()))
+            found = &room;
+    return found;
+}
+
 /// What is wrong with including `target` from a file in `room`; empty if nothing.
-std::string judgeOwn(const Room& room, const std::string& target)
+std::string Rules::judgeOwn(const Room& room, const std::string& target) const
 {
     if (target.find('/') == std::string::npos || startsWith(target, "."))
         return "includes \"" + target + "\", which is no path from the project's root";
@@ -164,12 +216,10 @@ std::string judgeOwn(const Room& room, const std::string& target)
                : room.folder + " may not include " + other->folder + ", but includes \"" + target + '"';
 }
 
-} // namespace
-
-std::vector<std::string> violations(const std::string& path, const std::string& text)
+std::vector<std::string> Rules::violations(const std::string& path, const std::string& text) const
 {
     const Room* const room = roomOf(path);
-    if (!room)
+    if (!room || room->free)
         return {};
     const bool implementsSystem = startsWith(path, "platform/") && path.find('/', sizeof "platform/") != path.npos;
 
@@ -195,14 +245,12 @@ std::vector<std::string> violations(const std::string& path, const std::string& 
     return found;
 }
 
-bool isKnownFolder(const std::string& path)
+bool Rules::isKnownFolder(const std::string& path) const
 {
     const std::string folder = path + '/';
-    const auto covers = [&](const std::string& known) {
-        return startsWith(folder, known) || startsWith(known, folder);
-    };
-    return std::any_of(rooms.begin(), rooms.end(), [&](const Room& room) { return covers(room.folder); }) ||
-           std::any_of(freeFolders.begin(), freeFolders.end(), covers);
+    return std::any_of(rooms_.begin(), rooms_.end(), [&](const Room& room) {
+        return startsWith(folder, room.folder) || startsWith(room.folder, folder);
+    });
 }
 
 } // namespace zuTest::structure
