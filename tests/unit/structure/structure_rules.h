@@ -10,8 +10,7 @@ namespace zuTest::structure {
 class Rules {
 public:
     /// Of the first such table in `page`. A row's folders stand in backticks; so do those it may include, unless it
-    /// says "nothing of ours", "all of the above" or "anything". Throws std::runtime_error for what can't be
-    /// understood.
+    /// says "nothing of ours" or "anything". Throws std::runtime_error for what can't be understood.
     explicit Rules(const std::string& page);
 
     /// What is wrong with the source file `path` (from the project root, with '/') that has this text: a line

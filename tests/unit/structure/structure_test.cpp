@@ -31,7 +31,7 @@ const char* const page = R"(
 | `platform/` | the system | nothing of ours |
 | `base/inner/` | in `base/`, and not of it | `platform/` |
 | `base/` | for `src/` | `platform/`: it has its own `format` of `stream`s |
-| `src/` | the program | all of the above |
+| `src/` | the program | `base/`, `base/inner/`, `platform/` |
 | `tools/a/`, `tools/b/` | two | `base/`, `platform/` |
 | `tests/`, `bench/` | whatever | anything |
 
