@@ -41,8 +41,7 @@ bool contains(const LocalInterface& local, std::uint32_t address)
 
 zuPlatform::SocketPtr openSocket(const zuPlatform::SocketAddress& address)
 {
-    int error = 0;
-    zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open(error);
+    zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open();
     if (!socket || socket->bind(address) != 0)
         return nullptr;
     socket->setBroadcast();

@@ -61,8 +61,7 @@ bool daemonAnswers(std::uint16_t port, Milliseconds wait)
 {
     if (port == 0)
         return false;
-    int error = 0;
-    const auto socket = zuPlatform::DatagramSocket::open(error);
+    const auto socket = zuPlatform::DatagramSocket::open();
     if (!socket || socket->bind(zuPlatform::loopbackAt(0)) != 0)
         return false;
     zuIPCPipe::MgrDatagram question{};
@@ -92,8 +91,7 @@ namespace {
 /// Whether some socket of this machine has the port: a dead daemon's is free.
 bool isTaken(std::uint16_t port)
 {
-    int error = 0;
-    const auto socket = zuPlatform::DatagramSocket::open(error);
+    const auto socket = zuPlatform::DatagramSocket::open();
     return socket && socket->bind(zuPlatform::loopbackAt(port)) == static_cast<int>(std::errc::address_in_use);
 }
 

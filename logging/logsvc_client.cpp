@@ -139,8 +139,7 @@ wsa_guard::~wsa_guard() { zuPlatform::stopSocketLibrary(); }
 
 zuPlatform::SocketPtr open_logsvc_socket()
 {
-    int error = 0;
-    zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open(error);
+    zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open();
     if (!socket)
         throw LogSvcError("Failed to create the log client socket");
     socket->setReceiveBuffer(socket_buffer);

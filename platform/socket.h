@@ -69,6 +69,11 @@ class DatagramSocket {
 public:
     /// Creates a socket, not inherited by child processes. Null with `error` set if the system refuses.
     static std::shared_ptr<DatagramSocket> open(int& error);
+    static std::shared_ptr<DatagramSocket> open()
+    {
+        int error = 0;
+        return open(error);
+    }
 
     ~DatagramSocket();
     DatagramSocket(const DatagramSocket&) = delete;

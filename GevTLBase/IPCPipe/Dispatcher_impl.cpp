@@ -64,8 +64,7 @@ CDispatcher::~CDispatcher()
 void CDispatcher::OpenSockets()
 {
     const auto create = [this] {
-        int error = 0;
-        zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open(error);
+        zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open();
         if (!socket)
             ZU_LOG(log, zuLogging::log_warn, "Failure creating socket");
         if (!socket || socket->setNonBlocking() != 0)

@@ -33,8 +33,7 @@ CMgr::CMgr() : CMgr(ServerRole()) { OpenSharedObject(); }
 
 void CMgr::OpenSocket()
 {
-    int error = 0;
-    sock = zuPlatform::DatagramSocket::open(error);
+    sock = zuPlatform::DatagramSocket::open();
     if (sock)
         static_cast<void>(sock->setNonBlocking());
     addr = zuPlatform::loopbackAt(0);

@@ -59,9 +59,8 @@ class SocketWaitTest : public testing::Test {
 protected:
     SocketWaitTest()
     {
-        int error = 0;
-        socket = DatagramSocket::open(error);
-        sender = DatagramSocket::open(error);
+        socket = DatagramSocket::open();
+        sender = DatagramSocket::open();
         std::uint32_t local = 0;
         parseIpv4("127.0.10.5", local);
         EXPECT_EQ(socket->bind({local, 0}), 0);
@@ -197,8 +196,7 @@ TEST_F(SocketWaitTest, CloseWakesAWaiterInASignalStorm)
 TEST_F(SocketWaitTest, CloseAtAnyMomentWakes)
 {
     for (int i = 0; i < 200; ++i) {
-        int error = 0;
-        const SocketPtr own = DatagramSocket::open(error);
+        const SocketPtr own = DatagramSocket::open();
         ASSERT_NE(own, nullptr);
         std::atomic<bool> about{false};
         ReceiveResult result;
@@ -218,8 +216,7 @@ TEST_F(SocketWaitTest, CloseAtAnyMomentWakes)
 TEST_F(SocketWaitTest, TheDescriptorIsNotReusedWhileAWaiterHoldsIt)
 {
     const std::set<int> before = openDescriptors();
-    int error = 0;
-    SocketPtr held = DatagramSocket::open(error);
+    SocketPtr held = DatagramSocket::open();
     int number = -1;
     for (const int fd : openDescriptors())
         if (!before.count(fd))
@@ -244,7 +241,7 @@ TEST_F(SocketWaitTest, TheDescriptorIsNotReusedWhileAWaiterHoldsIt)
     {
         std::vector<SocketPtr> others;
         for (int i = 0; i < 20; ++i)
-            others.push_back(DatagramSocket::open(error));
+            others.push_back(DatagramSocket::open());
         EXPECT_EQ(openDescriptors().count(number), 1u);
         EXPECT_EQ(openDescriptors().size(), before.size() + 21);
     }

@@ -273,8 +273,7 @@ TEST_F(Logging, AFloodedLogServiceStopsNoClient)
     std::vector<std::thread> flood;
     for (const zuPlatform::SocketAddress& port : {ports->command, ports->message})
         flood.emplace_back([&, port] {
-            int error = 0;
-            const auto socket = zuPlatform::DatagramSocket::open(error);
+            const auto socket = zuPlatform::DatagramSocket::open();
             std::mt19937 random(61);
             std::vector<std::uint8_t> packet(2000);
             while (!stop) {

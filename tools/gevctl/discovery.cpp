@@ -32,8 +32,7 @@ struct Way {
 
 zuPlatform::SocketPtr openSocket(std::uint32_t networkAddress)
 {
-    int error = 0;
-    zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open(error);
+    zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open();
     if (!socket || socket->bind({networkAddress, 0}) != 0)
         return nullptr;
     socket->setBroadcast();

@@ -26,8 +26,7 @@ class Loopback : public testing::Test {
 protected:
     Loopback()
     {
-        int error = 0;
-        camera = zuPlatform::DatagramSocket::open(error);
+        camera = zuPlatform::DatagramSocket::open();
         EXPECT_TRUE(camera);
         EXPECT_EQ(0, camera->bind({zuPlatform::hostToNetwork32(cameraIp), 0}));
         EXPECT_EQ(0, camera->getLocalAddress(cameraAddress));

@@ -218,8 +218,7 @@ TEST_F(DispatcherRefused, LeavesItsSpinForABufferWhenItIsShutDown)
 TEST_F(DispatcherRefused, TellsAFailedWaitFromAFailedReceive)
 {
     make();
-    int error = 0;
-    const auto socket = zuPlatform::DatagramSocket::open(error);
+    const auto socket = zuPlatform::DatagramSocket::open();
     const std::size_t number = FakeSockets::opened() - 1;
     FakeSockets::pushReceive({Kind::waitFailed, -1, ENOMEM}, number);
     EXPECT_EQ(thrown([&] { dispatcher->ReceiveMsg(socket, out, 1); }), "IPCException: Socket select failed");

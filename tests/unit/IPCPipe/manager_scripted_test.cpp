@@ -95,8 +95,7 @@ TEST_F(ManagerScripted, WritesToAnObjectThatCannotBeMapped)
 TEST_F(ManagerScripted, TellsAFailedWaitFromAFailedReceiveOfARequest)
 {
     const auto manager = server();
-    int error = 0;
-    const auto socket = zuPlatform::DatagramSocket::open(error);
+    const auto socket = zuPlatform::DatagramSocket::open();
     const std::size_t number = FakeSockets::opened() - 1;
     MgrDatagram datagram{};
     zuPlatform::SocketAddress from;

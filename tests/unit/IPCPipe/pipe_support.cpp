@@ -63,8 +63,7 @@ Bytes message(std::uint32_t flags, std::uint32_t index, std::uint32_t seq, std::
 
 RawSocket::RawSocket()
 {
-    int error = 0;
-    socket = zuPlatform::DatagramSocket::open(error);
+    socket = zuPlatform::DatagramSocket::open();
     if (!socket || socket->bind(zuPlatform::loopbackAt(0)) != 0)
         throw std::runtime_error("no raw socket");
 }

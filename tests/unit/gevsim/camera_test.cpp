@@ -256,8 +256,7 @@ TEST(CameraApi, AnswersDiscoveryToTheBroadcastAddressOnlyIfAskedTo)
     Config made = config();
     made.broadcastDiscovery = true;
     Camera camera(made);
-    int error = 0;
-    const zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open(error);
+    const zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open();
     ASSERT_TRUE(socket);
     ASSERT_EQ(socket->setBroadcast(), 0);
     ASSERT_EQ(socket->bind(zuPlatform::loopbackAt(0)), 0);

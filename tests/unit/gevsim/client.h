@@ -100,8 +100,7 @@ public:
     explicit Client(const gevsim::Endpoint& camera, std::uint32_t own = 0x7F000D01)
         : camera_{zuPlatform::hostToNetwork32(camera.ip), zuPlatform::hostToNetwork16(camera.port)}
     {
-        int error = 0;
-        socket_ = zuPlatform::DatagramSocket::open(error);
+        socket_ = zuPlatform::DatagramSocket::open();
         if (!socket_ || socket_->bind({zuPlatform::hostToNetwork32(own), 0}) != 0)
             throw std::runtime_error("no client socket");
     }

@@ -30,8 +30,7 @@ std::uint64_t exchange(const gevsim::Camera& camera, int rounds)
         if (codes[i] == gevsim::Command::readMem)
             gevsim::wire::put32(bytes + 12, 512);
     }
-    int error = 0;
-    const zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open(error);
+    const zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open();
     EXPECT_EQ(socket->bind(zuPlatform::loopbackAt(0)), 0);
     const zuPlatform::SocketAddress to{zuPlatform::hostToNetwork32(camera.ip()),
                                        zuPlatform::hostToNetwork16(camera.port())};

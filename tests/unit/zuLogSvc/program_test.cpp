@@ -68,8 +68,7 @@ protected:
         std::optional<Endpoints> where;
         ASSERT_TRUE(eventually([&] { return (where = readConnectionBlock()).has_value(); }));
         if (!socket) {
-            int error = 0;
-            socket = zuPlatform::DatagramSocket::open(error);
+            socket = zuPlatform::DatagramSocket::open();
             ASSERT_NE(socket, nullptr);
         }
         const Packet packet = zuTest::datagramOf(message);
@@ -78,8 +77,7 @@ protected:
     std::string reply()
     {
         const auto where = readConnectionBlock();
-        int error = 0;
-        const auto asking = zuPlatform::DatagramSocket::open(error);
+        const auto asking = zuPlatform::DatagramSocket::open();
         if (!where || !asking)
             return "no service";
         const Packet packet = encodeCommand(cmdGetConfiguration, 1, R"({"module":"GEVSVC","process":"zuGevSvc"})");

@@ -15,8 +15,7 @@ int main(int argc, char** argv)
     const auto port = static_cast<std::uint16_t>(std::stoul(argv[1]));
     const std::string name = argv[2];
     const std::uint64_t count = std::stoull(argv[3]);
-    int error = 0;
-    const auto socket = zuPlatform::DatagramSocket::open(error);
+    const auto socket = zuPlatform::DatagramSocket::open();
     if (!socket)
         return 1;
     const auto service = zuPlatform::loopbackAt(zuPlatform::hostToNetwork16(port));

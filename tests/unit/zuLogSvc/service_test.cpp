@@ -35,8 +35,7 @@ class Sender {
 public:
     explicit Sender(const zuPlatform::SocketAddress& to) : to_(to)
     {
-        int error = 0;
-        socket_ = zuPlatform::DatagramSocket::open(error);
+        socket_ = zuPlatform::DatagramSocket::open();
         EXPECT_NE(socket_, nullptr);
         socket_->bind(zuPlatform::loopbackAt(0));
     }
@@ -409,8 +408,7 @@ TEST(MessageWriter, WhatASlowOutputHasNoRoomForIsRefusedCountedAndSaid)
     Followers followers;
     Outputs outputs;
     outputs.push_back(std::make_unique<StuckOutput>(gate, lines));
-    int error = 0;
-    const auto socket = zuPlatform::DatagramSocket::open(error);
+    const auto socket = zuPlatform::DatagramSocket::open();
     ASSERT_NE(socket, nullptr);
     MessageWriter writer(queue, followers, socket, systemClock(), std::move(outputs), [](const std::string&) {});
     std::thread thread([&] { writer.run(); });
@@ -643,8 +641,7 @@ TEST_F(Viewers, WithoutAServiceAreToldSo)
 
 TEST_F(Viewers, OfADeadServiceAreToldSo)
 {
-    int error = 0;
-    const auto silent = zuPlatform::DatagramSocket::open(error);
+    const auto silent = zuPlatform::DatagramSocket::open();
     ASSERT_EQ(silent->bind(zuPlatform::loopbackAt(0)), 0);
     Endpoints where;
     silent->getLocalAddress(where.command);
