@@ -122,6 +122,13 @@ std::size_t readParts(const Header& header, Bytes body, Frame& frame, std::span<
     return leaderBase + told * partSize;
 }
 
+/// Cameras whose pictures all have the same height may leave it out of the trailer.
+void lower(std::uint32_t& height, std::uint32_t told)
+{
+    if (told != 0)
+        height = std::min(height, told);
+}
+
 } // namespace
 
 bool parseHeader(Bytes datagram, Header& header)
@@ -231,11 +238,11 @@ std::size_t parseTrailer(Bytes body, Frame& frame, std::span<Part> parts)
     if (hasLength)
         frame.chunkLength = big32(body, lengthAt);
     if (hasHeight)
-        frame.image.height = std::min(frame.image.height, big32(body, heightAt));
+        lower(frame.image.height, big32(body, heightAt));
     for (std::size_t i = 0; i < std::min({partCount, frame.partCount, parts.size()}); ++i) {
         const Bytes from = body.subspan(partsAt + i * trailerPartSize, trailerPartSize);
         parts[i].size = std::min(parts[i].size, big48(from, partAt::length));
-        parts[i].image.height = std::min(parts[i].image.height, big32(from, partAt::trailerHeight));
+        lower(parts[i].image.height, big32(from, partAt::trailerHeight));
     }
     if (chunked) {
         frame.chunkLength = big32(body, chunksAt);

@@ -107,6 +107,17 @@ TEST_P(FormatTest, ALowerHeightOfTheTrailerCounts)
     }
 }
 
+TEST_P(FormatTest, ATrailerWithoutHeightLeavesTheLeaders)
+{
+    start();
+    gvsp::Picture picture;
+    picture.width = 50;
+    picture.height = 19;
+    play(gvsp::frame(block, gvsp::imageLeader(block, picture), gvsp::pattern(950, 7), packetSize, 1, {0}));
+    expectFrame(0, 7);
+    EXPECT_EQ(frame(0).image.height, 19u);
+}
+
 TEST_P(FormatTest, AShorterPictureThanPromisedIsIncomplete)
 {
     start();
