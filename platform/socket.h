@@ -47,6 +47,21 @@ struct SendResult {
     int error = 0;
 };
 
+/// A datagram of a batch, in two pieces that go out one behind the other. A piece of size 0 may be null.
+struct OutgoingDatagram {
+    const void* head = nullptr;
+    std::size_t headSize = 0;
+    const void* body = nullptr;
+    std::size_t bodySize = 0;
+};
+
+/// Outcome of sending a batch: the first `count` datagrams were taken. If that isn't all, `error` tells why the next
+/// one was not.
+struct BatchResult {
+    std::size_t count = 0;
+    int error = 0;
+};
+
 /// Outcome of a timed receive.
 struct ReceiveResult {
     enum class Kind {
@@ -110,6 +125,12 @@ public:
     int connect(const SocketAddress& peer);
 
     SendResult sendTo(const void* data, std::size_t size, const SocketAddress& to);
+
+    /// Sends datagrams to one address, in order, with one system call for many of them where the system can.
+    BatchResult sendBatch(const OutgoingDatagram* datagrams, std::size_t count, const SocketAddress& to);
+
+    /// The interface, by its address in network byte order, by which datagrams to multicast groups leave.
+    int setMulticastInterface(std::uint32_t address);
 
     /// Waits up to `timeoutMs` milliseconds on the steady clock (0 polls) for a datagram and reads it. Signals do not
     /// end the wait. A datagram larger than the buffer is `receiveFailed` with `messageSizeError`; buffer and sender

@@ -14,6 +14,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -295,6 +296,45 @@ SendResult DatagramSocket::sendTo(const void* data, std::size_t size, const Sock
         if (errno != EINTR)
             return {-1, errno};
     }
+}
+
+BatchResult DatagramSocket::sendBatch(const OutgoingDatagram* datagrams, std::size_t count, const SocketAddress& to)
+{
+    constexpr std::size_t most = 64;
+    sockaddr_in peer = toSystem(to);
+    const int flags = MSG_NOSIGNAL | (state_->nonBlocking.load(std::memory_order_relaxed) ? MSG_DONTWAIT : 0);
+    BatchResult result;
+    while (result.count < count) {
+        if (state_->isClosed()) {
+            result.error = EBADF;
+            break;
+        }
+        std::array<mmsghdr, most> messages{};
+        std::array<std::array<iovec, 2>, most> pieces;
+        const std::size_t now = std::min(most, count - result.count);
+        for (std::size_t i = 0; i < now; ++i) {
+            const OutgoingDatagram& datagram = datagrams[result.count + i];
+            pieces[i][0] = {const_cast<void*>(datagram.head), datagram.headSize};
+            pieces[i][1] = {const_cast<void*>(datagram.body), datagram.bodySize};
+            messages[i].msg_hdr.msg_name = &peer;
+            messages[i].msg_hdr.msg_namelen = sizeof peer;
+            messages[i].msg_hdr.msg_iov = pieces[i].data();
+            messages[i].msg_hdr.msg_iovlen = pieces[i].size();
+        }
+        const int taken = ::sendmmsg(state_->fd, messages.data(), static_cast<unsigned>(now), flags);
+        if (taken > 0) {
+            result.count += static_cast<std::size_t>(taken);
+        } else if (errno != EINTR) {
+            result.error = errno;
+            break;
+        }
+    }
+    return result;
+}
+
+int DatagramSocket::setMulticastInterface(std::uint32_t address)
+{
+    return state_->setOption(IPPROTO_IP, IP_MULTICAST_IF, in_addr{address});
 }
 
 ReceiveResult DatagramSocket::receive(void* buffer, std::size_t size, std::uint32_t timeoutMs, SocketAddress* from)

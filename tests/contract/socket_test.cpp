@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <netinet/in.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -125,6 +126,70 @@ TEST_F(SocketTest, CarriesTheLargestDatagramAndRefusesALargerOne)
     const SendResult sent = sender->sendTo(large.data(), large.size(), address);
     EXPECT_EQ(sent.count, -1);
     EXPECT_EQ(sent.error, messageSizeError);
+}
+
+TEST_F(SocketTest, SendsABatchInOrderAndEachDatagramWhole)
+{
+    std::vector<std::string> heads, bodies;
+    std::vector<OutgoingDatagram> batch;
+    constexpr std::size_t count = 150; // more than one system call takes
+    for (std::size_t i = 0; i < count; ++i) {
+        heads.push_back("head" + std::to_string(i));
+        bodies.push_back(i % 3 == 0 ? std::string() : std::string(i, 'b'));
+    }
+    for (std::size_t i = 0; i < count; ++i)
+        batch.push_back(
+            {heads[i].data(), heads[i].size(), bodies[i].empty() ? nullptr : bodies[i].data(), bodies[i].size()});
+    batch.push_back({nullptr, 0, nullptr, 0});
+    EXPECT_EQ(receiver->setReceiveBuffer(4 * 1024 * 1024), 0);
+    const BatchResult sent = sender->sendBatch(batch.data(), batch.size(), address);
+    EXPECT_EQ(sent.count, count + 1);
+    EXPECT_EQ(sent.error, 0);
+    for (std::size_t i = 0; i < count; ++i) {
+        const ReceiveResult result = receiver->receive(buffer, sizeof buffer, 10000, nullptr);
+        ASSERT_EQ(result.kind, Kind::received) << i;
+        EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(result.count)), heads[i] + bodies[i]);
+    }
+    EXPECT_EQ(receiver->receive(buffer, sizeof buffer, 10000, nullptr).count, 0) << "an empty one is one, too";
+    EXPECT_EQ(sender->sendBatch(nullptr, 0, address).count, 0U);
+}
+
+TEST_F(SocketTest, ABatchStopsAtWhatCannotBeSent)
+{
+    const std::string large(65508, 'x');
+    const OutgoingDatagram batch[] = {{"a", 1, nullptr, 0}, {"b", 1, large.data(), large.size()}, {"c", 1, nullptr, 0}};
+    const BatchResult sent = sender->sendBatch(batch, 3, address);
+    EXPECT_EQ(sent.count, 1U);
+    EXPECT_EQ(sent.error, messageSizeError);
+    EXPECT_EQ(receiver->receive(buffer, sizeof buffer, 10000, nullptr).count, 1);
+    EXPECT_EQ(receiver->receive(buffer, sizeof buffer, 0, nullptr).kind, Kind::timeout);
+    sender->close();
+    const BatchResult closed = sender->sendBatch(batch, 1, address);
+    EXPECT_EQ(closed.count, 0U);
+    EXPECT_EQ(closed.error, EBADF);
+}
+
+TEST_F(SocketTest, MulticastLeavesByTheInterfaceThatIsSaid)
+{
+    // The receiver joins by the system's own means: what is tested is the sender.
+    const int system = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in local{AF_INET, 0, {ip("239.255.10.1")}, {}};
+    socklen_t size = sizeof local;
+    ASSERT_EQ(::bind(system, reinterpret_cast<const sockaddr*>(&local), size), 0);
+    ASSERT_EQ(::getsockname(system, reinterpret_cast<sockaddr*>(&local), &size), 0);
+    const SocketAddress group{local.sin_addr.s_addr, local.sin_port};
+    const ip_mreq membership{{group.address}, {ip("127.0.0.1")}};
+    ASSERT_EQ(::setsockopt(system, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership), 0);
+    const timeval patience{10, 0};
+    ASSERT_EQ(::setsockopt(system, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience), 0);
+
+    EXPECT_EQ(sender->setMulticastInterface(ip("127.0.0.1")), 0);
+    EXPECT_EQ(sender->sendTo("hello", 5, group).count, 5);
+    EXPECT_EQ(::recv(system, buffer, sizeof buffer, 0), 5);
+    ::close(system);
+    EXPECT_EQ(sender->setMulticastInterface(ip("192.0.2.1")), EADDRNOTAVAIL);
+    sender->close();
+    EXPECT_EQ(sender->setMulticastInterface(ip("127.0.0.1")), EBADF);
 }
 
 TEST_F(SocketTest, ADatagramThatDoesNotFitIsAnError)
