@@ -3,6 +3,7 @@
 
 #include "tools/gevsim/config.h"
 #include "tools/gevsim/genicam.h"
+#include "tools/gevsim/picture.h"
 #include "tools/gevsim/registers.h"
 
 #include <algorithm>
@@ -20,12 +21,15 @@ constexpr std::uint32_t standardVersion = 0x00010002;  // 1.2
 constexpr std::uint32_t bigEndianUtf8 = 0x80000001;    // device mode
 constexpr std::uint32_t ipConfigurations = 0x00000007; // persistent address, DHCP, link-local
 constexpr std::uint32_t ipConfigurationNow = 0x00000005;
-constexpr std::uint32_t linkSpeedMbit = 1000;
+constexpr std::uint32_t fastLink = 10000;           // megabits
 constexpr std::uint32_t tickFrequency = 1000000000; // the time stamp counts nanoseconds
 // User name, serial number, heartbeat disable, link speed, primary application registers, control switchover,
-// PENDING_ACK, WRITEMEM, several registers in one command.
-constexpr std::uint32_t capabilities = 0xF8200023;
-constexpr std::uint32_t pixelMono8 = 0x01080001;
+// PENDING_ACK, WRITEMEM, several registers in one command; PACKETRESEND and the extended status codes for it.
+constexpr std::uint32_t capabilities = 0xF8600027;
+constexpr std::uint32_t streamCapabilities = 0xC0000000;  // source port, 16-bit block ids
+constexpr std::uint32_t channelCapabilities = 0x00000003; // unconditional streaming, extended chunk data
+constexpr std::uint32_t extendedIdsVersion = 0x00020000;
+constexpr std::uint32_t leastSensor = 16, mostSensor = 16384;
 constexpr std::uint32_t packetSize = 1400;
 
 std::uint64_t defaultMac(const Endpoint& endpoint)
@@ -54,6 +58,11 @@ AddressSpace::AddressSpace(const Config& config)
 {
     if (config.memorySize % 4 != 0 || config.memorySize > maxMemorySize)
         throw std::invalid_argument("the memory's size must be a multiple of 4 and at most 256 MiB");
+    const auto fits = [](std::uint32_t size, std::uint32_t step) {
+        return size >= leastSensor && size <= mostSensor && size % step == 0;
+    };
+    if (!fits(config.sensorWidth, limit::widthStep) || !fits(config.sensorHeight, limit::heightStep))
+        throw std::invalid_argument("the sensor is 16 to 16384 pixels wide and high, in multiples of 4 and 2");
     registers_.bytes.resize(region::bootstrapSize);
     registers_.writable.resize(region::bootstrapSize / 4);
     memory_.base = region::memory;
@@ -66,12 +75,20 @@ AddressSpace::AddressSpace(const Config& config)
 
     fillBootstrap(config);
     setText(reg::firstUrl, 512, localUrl(file));
-    fillFeatures();
+    fillFeatures(config);
     initialRegisters_ = registers_.bytes;
 }
 
 void AddressSpace::reset()
 {
+    // Kept in the camera's permanent memory.
+    struct Range {
+        std::uint32_t begin, size;
+    };
+    for (const Range& kept :
+         {Range{reg::currentIpConfiguration, 4}, Range{reg::userDefinedName, 16}, Range{reg::persistentIp, 4},
+          Range{reg::persistentSubnetMask, 4}, Range{reg::persistentGateway, 4}})
+        std::memcpy(&initialRegisters_[kept.begin], &registers_.bytes[kept.begin], kept.size);
     registers_.bytes = initialRegisters_;
     std::fill(memory_.bytes.begin(), memory_.bytes.end(), std::uint8_t{0});
 }
@@ -130,6 +147,22 @@ void AddressSpace::set(std::uint32_t address, std::uint32_t value)
     wire::put32(bytes, value);
 }
 
+void AddressSpace::setAddress(std::uint32_t ip, std::uint32_t mask, std::uint32_t gateway)
+{
+    set(reg::currentIp, ip);
+    set(reg::currentSubnetMask, mask);
+    set(reg::currentGateway, gateway);
+}
+
+float AddressSpace::getFloat(std::uint32_t address) const
+{
+    const std::uint32_t bits = get(address);
+    float value = 0;
+    static_assert(sizeof bits == sizeof value);
+    std::memcpy(&value, &bits, sizeof value);
+    return value;
+}
+
 void AddressSpace::setText(std::uint32_t address, std::size_t size, const std::string& text)
 {
     // The last byte stays 0: every text of the standard ends with one.
@@ -153,7 +186,7 @@ void AddressSpace::allowWrite(std::uint32_t begin, std::uint32_t end)
 void AddressSpace::fillBootstrap(const Config& config)
 {
     const std::uint64_t mac = config.mac ? config.mac : defaultMac(config.endpoint);
-    set(reg::version, standardVersion);
+    set(reg::version, config.extendedIds ? extendedIdsVersion : standardVersion);
     set(reg::deviceMode, bigEndianUtf8);
     set(reg::macHigh, static_cast<std::uint32_t>(mac >> 32) & 0xFFFF);
     set(reg::macLow, static_cast<std::uint32_t>(mac));
@@ -171,33 +204,37 @@ void AddressSpace::fillBootstrap(const Config& config)
     set(reg::numberOfInterfaces, 1);
     set(reg::persistentIp, config.endpoint.ip);
     set(reg::persistentSubnetMask, config.subnetMask);
-    set(reg::linkSpeed, linkSpeedMbit);
+    set(reg::linkSpeed, config.linkSpeed != 0 ? config.linkSpeed : fastLink);
     set(reg::numberOfMessageChannels, 1);
     set(reg::numberOfStreamChannels, 1);
     set(reg::numberOfActiveLinks, 1);
+    set(reg::streamCapability, streamCapabilities);
     set(reg::gvcpCapability, capabilities);
+    set(reg::gvspConfiguration, config.extendedIds ? gvspConfigurationValue::extendedIds : 0);
     set(reg::heartbeatTimeout, config.heartbeatTimeoutMs);
     set(reg::tickFrequencyLow, tickFrequency);
     set(reg::pendingTimeout, config.heartbeatTimeoutMs);
     set(reg::streamPacketSize, packetSize);
+    set(reg::streamChannelCapability, channelCapabilities);
 
     allowWrite(reg::currentIpConfiguration, reg::currentIpConfiguration + 4);
     allowWrite(reg::userDefinedName, reg::userDefinedName + 16);
-    for (const std::uint32_t address :
-         {reg::persistentIp, reg::persistentSubnetMask, reg::persistentGateway, reg::heartbeatTimeout,
-          reg::timestampControl, reg::discoveryAckDelay, reg::gvcpConfiguration, reg::switchoverKey, reg::ccp})
+    for (const std::uint32_t address : {reg::persistentIp, reg::persistentSubnetMask, reg::persistentGateway,
+                                        reg::heartbeatTimeout, reg::timestampControl, reg::discoveryAckDelay,
+                                        reg::gvcpConfiguration, reg::switchoverKey, reg::gvspConfiguration, reg::ccp})
         allowWrite(address, address + 4);
     allowWrite(reg::messagePort, reg::messageEnd);
-    allowWrite(reg::streamPort, reg::streamEnd);
+    allowWrite(reg::streamPort, reg::streamSourcePort);
+    allowWrite(reg::streamConfiguration, reg::streamEnd);
 }
 
-void AddressSpace::fillFeatures()
+void AddressSpace::fillFeatures(const Config& config)
 {
-    set(feature::sensorWidth, genicamSensorWidth);
-    set(feature::sensorHeight, genicamSensorHeight);
-    set(feature::width, genicamSensorWidth);
-    set(feature::height, genicamSensorHeight);
-    set(feature::pixelFormat, pixelMono8);
+    set(feature::sensorWidth, config.sensorWidth);
+    set(feature::sensorHeight, config.sensorHeight);
+    set(feature::width, config.sensorWidth);
+    set(feature::height, config.sensorHeight);
+    set(feature::pixelFormat, pixel::mono8);
     setFloat(feature::exposureTime, 10000.0F);
     setFloat(feature::gain, 0.0F);
     setFloat(feature::temperature, 36.5F);
@@ -206,6 +243,16 @@ void AddressSpace::fillFeatures()
     allowWrite(feature::exposureTime, feature::gain + 4);
     allowWrite(feature::testValue, feature::testValue + 4);
     allowWrite(feature::testText, feature::testText + 32);
+    set(feature::acquisitionFrameCount, 1);
+    set(feature::frameRateEnable, 1);
+    setFloat(feature::frameRate, 25.0F);
+    set(feature::chunkEnable, 1);
+    for (std::uint32_t i = 1; i < 4; ++i)
+        set(feature::chunkEnable + 4 * i, 1);
+    allowWrite(feature::acquisitionFrameCount, feature::triggerSoftware + 4);
+    allowWrite(feature::chunkMode, feature::chunkSelector + 4);
+    allowWrite(feature::chunkEnable, feature::chunkEnable + 16);
+    allowWrite(feature::deviceReset, feature::deviceReset + 4);
 }
 
 } // namespace gevsim

@@ -16,8 +16,13 @@ class AddressSpace {
 public:
     explicit AddressSpace(const Config& config);
 
-    /// Back to the state after power-up.
+    /// Back to the state after power-up. What a camera keeps without power stays: its name, and how it gets its
+    /// address.
     void reset();
+    /// The address under which the camera can be reached now.
+    void setAddress(std::uint32_t ip, std::uint32_t mask, std::uint32_t gateway);
+    float getFloat(std::uint32_t address) const;
+    void setFloat(std::uint32_t address, float value);
 
     /// Success, or invalidAddress if a byte of the range lies outside the regions.
     Status checkRead(std::uint32_t address, std::size_t size) const
@@ -46,10 +51,9 @@ private:
 
     const Region* find(std::uint32_t address, std::size_t size) const;
     void setText(std::uint32_t address, std::size_t size, const std::string& text);
-    void setFloat(std::uint32_t address, float value);
     void allowWrite(std::uint32_t begin, std::uint32_t end);
     void fillBootstrap(const Config& config);
-    void fillFeatures();
+    void fillFeatures(const Config& config);
 
     Region registers_, memory_, xml_;
     std::vector<std::uint8_t> initialRegisters_;

@@ -20,7 +20,11 @@ Config Camera::configFor(const Endpoint& endpoint)
     return config;
 }
 
-const Endpoint& Camera::endpoint() const { return impl_->config.endpoint; }
+Endpoint Camera::endpoint() const
+{
+    const Impl::Lock lock(impl_->mutex);
+    return impl_->config.endpoint;
+}
 
 std::uint32_t Camera::readRegister(std::uint32_t address) const
 {
@@ -84,43 +88,24 @@ std::vector<Fault> Camera::faults() const
     return impl_->faults.faults();
 }
 
-namespace {
-
-/// The moment `time` from `now`, which is the end of time for times that lie beyond it.
-Camera::Impl::Time after(Camera::Impl::Time now, Camera::Milliseconds time)
-{
-    constexpr Camera::Milliseconds longest = std::chrono::hours(24 * 365);
-    return time >= longest ? Camera::Impl::Time::max() : now + time;
-}
-
-} // namespace
-
 void Camera::silence(Milliseconds time)
 {
     const Impl::Lock lock(impl_->mutex);
-    impl_->silentUntil = after(impl_->now(), time);
+    impl_->setSilence(Impl::after(impl_->now(), time));
     impl_->changed();
 }
 
 void Camera::endSilence()
 {
     const Impl::Lock lock(impl_->mutex);
-    impl_->silentUntil = Impl::Time::min();
+    impl_->setSilence(Impl::Time::min());
     impl_->changed();
 }
 
 void Camera::powerCycle(Milliseconds off)
 {
     const Impl::Lock lock(impl_->mutex);
-    const auto time = impl_->now();
-    impl_->device.powerCycle(time);
-    impl_->scheduled.clear();
-    impl_->reordering.clear();
-    impl_->reorderEnd = Impl::Time::max();
-    impl_->held.clear();
-    impl_->offUntil = after(time, off);
-    impl_->recorder.note("power cycle");
-    impl_->changed();
+    impl_->powerCycle(off);
 }
 
 void Camera::setLoss(double probability, std::uint64_t seed)
@@ -137,8 +122,9 @@ void Camera::clearFaults()
     Impl::Lock lock(impl_->mutex);
     const auto time = impl_->now();
     impl_->faults.clear();
+    impl_->stream.clearFaults();
     impl_->loss = 0;
-    impl_->silentUntil = Impl::Time::min();
+    impl_->setSilence(Impl::Time::min());
     impl_->moveHeldToScheduled(impl_->held.size(), time);
     impl_->moveReorderedToScheduled(time);
     impl_->flush(lock, time);
@@ -193,6 +179,7 @@ void Camera::clearLog()
 {
     const Impl::Lock lock(impl_->mutex);
     impl_->recorder.clear();
+    impl_->stream.clearReport();
 }
 
 Counters Camera::counters() const
@@ -212,6 +199,20 @@ Endpoint Camera::lastPeer() const
 {
     const Impl::Lock lock(impl_->mutex);
     return impl_->recorder.lastPeer();
+}
+
+void Camera::inject(const StreamFault& fault) { impl_->stream.inject(fault); }
+std::vector<StreamFault> Camera::streamFaults() const { return impl_->stream.faults(); }
+StreamCounters Camera::streamCounters() const { return impl_->stream.counters(); }
+std::vector<SentFrame> Camera::sentFrames() const { return impl_->stream.frames(); }
+bool Camera::streamOpen() const { return impl_->stream.open(); }
+void Camera::setNextPicture(std::uint64_t number) { impl_->stream.setNextNumber(number); }
+
+void Camera::pulseLine()
+{
+    const Impl::Lock lock(impl_->mutex);
+    impl_->now();
+    impl_->device.pulseLine();
 }
 
 std::vector<Datagram> Camera::select(const std::function<bool(const Datagram&)>& wanted) const

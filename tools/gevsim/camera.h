@@ -7,6 +7,8 @@
 #include "tools/gevsim/fault.h"
 #include "tools/gevsim/privilege.h"
 #include "tools/gevsim/registers.h"
+#include "tools/gevsim/stream_fault.h"
+#include "tools/gevsim/stream_types.h"
 
 #include <chrono>
 #include <cstdint>
@@ -17,10 +19,10 @@
 
 namespace gevsim {
 
-/// Answers from its construction to its destruction, on one thread of its own, or three with broadcast discovery. Every
-/// operation may be called from any thread and, unless it says so, doesn't wait. When a client has an answer in its
-/// hands, the log has command and answer. Control of a silent holder is gone for every question as soon as its time is
-/// over, whether or not anything was sent.
+/// Answers from its construction to its destruction, on one thread of its own, or three with broadcast discovery; one
+/// more sends pictures as soon as a client has opened the stream channel. Every operation may be called from any thread
+/// and, unless it says so, doesn't wait. When a client has an answer in its hands, the log has command and answer.
+/// Control of a silent holder is gone for every question as soon as its time is over, whether or not anything was sent.
 class Camera {
 public:
     using Milliseconds = std::chrono::milliseconds;
@@ -34,8 +36,8 @@ public:
     Camera(const Camera&) = delete;
     Camera& operator=(const Camera&) = delete;
 
-    /// Where it listens, with the real port. Host byte order.
-    const Endpoint& endpoint() const;
+    /// Where it listens, with the real port. Host byte order. FORCEIP and a power cycle may change the address.
+    Endpoint endpoint() const;
     std::uint32_t ip() const { return endpoint().ip; }
     std::uint16_t port() const { return endpoint().port; }
 
@@ -65,6 +67,17 @@ public:
     // Acknowledges kept back by Fault::hold, oldest first.
     std::size_t heldAnswers() const;
     std::size_t release(std::size_t most = static_cast<std::size_t>(-1)); ///< sends them; returns how many
+
+    // Pictures. They go where the registers say, while these say so.
+    void inject(const StreamFault& fault);
+    std::vector<StreamFault> streamFaults() const; ///< as `faults`
+    bool streamOpen() const;
+    void pulseLine();                          ///< a pulse on the line that may trigger a picture
+    void setNextPicture(std::uint64_t number); ///< of the next picture, and of its block
+    StreamCounters streamCounters() const;
+    /// The last 1024 frames, oldest first, with what stands in them and what of them can't have come. One that is still
+    /// being sent is the last, and not `ended`.
+    std::vector<SentFrame> sentFrames() const;
 
     /// Sends any bytes from the camera's port, such as an acknowledge that nobody asked for.
     void send(const std::vector<std::uint8_t>& bytes, const Endpoint& to);

@@ -2,6 +2,8 @@
 // through the camera's own socket, sent by whichever thread finds them due.
 #include "tools/gevsim/camera_impl.h"
 
+#include "tools/gevsim/platform_address.h"
+
 #include "platform/network.h"
 #include "platform/thread.h"
 
@@ -9,6 +11,7 @@
 #include <optional>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace gevsim {
 
@@ -21,16 +24,6 @@ constexpr std::uint32_t idleWaitMs = 250;
 constexpr int receiveBuffer = 1024 * 1024;
 constexpr std::uint32_t limitedBroadcast = 0xFFFFFFFF;
 constexpr std::uint32_t loopbackMask = 0xFF000000;
-
-SocketAddress toPlatform(const Endpoint& endpoint)
-{
-    return {hostToNetwork32(endpoint.ip), hostToNetwork16(endpoint.port)};
-}
-
-Endpoint fromPlatform(const SocketAddress& address)
-{
-    return {networkToHost32(address.address), networkToHost16(address.port)};
-}
 
 /// Binds, and puts the real port into `where`.
 SocketPtr openSocket(Endpoint& where, bool shared)
@@ -63,6 +56,12 @@ std::uint32_t maskOf(std::uint32_t ip)
 
 } // namespace
 
+Camera::Impl::Time Camera::Impl::after(Time now, Milliseconds time)
+{
+    constexpr Milliseconds longest = std::chrono::hours(24 * 365);
+    return time >= longest ? Time::max() : now + time;
+}
+
 Camera::Impl::Opened Camera::Impl::open(Config wanted)
 {
     if (wanted.endpoint.ip == 0)
@@ -75,20 +74,25 @@ Camera::Impl::Opened Camera::Impl::open(Config wanted)
 }
 
 Camera::Impl::Impl(Opened opened)
-    : config(std::move(opened.config)), device(config, Clock::now()), recorder(config), random(config.seed),
-      socket_(std::move(opened.socket))
+    : config(std::move(opened.config)), stream(config.endpoint.ip, config.resendFrames, config.linkSpeed,
+                                               {[this](const SentFrame& frame) { frameEnded(frame); },
+                                                [this](Milliseconds off) {
+                                                    const Lock lock(mutex);
+                                                    powerCycle(off);
+                                                }}),
+      device(config, Clock::now(), stream), recorder(config), random(config.seed), given_(config)
 {
+    listeners_.push_back({std::move(opened.socket), false});
     if (config.broadcastDiscovery) {
         const std::uint32_t directed = config.endpoint.ip | ~config.subnetMask;
         for (const std::uint32_t address : {limitedBroadcast, directed}) {
             Endpoint where(address, config.endpoint.port);
-            broadcastSockets_.push_back(openSocket(where, true));
+            listeners_.push_back({openSocket(where, true), true});
         }
     }
     try {
-        threads_.emplace_back([this] { serve(socket_, false); });
-        for (const SocketPtr& socket : broadcastSockets_)
-            threads_.emplace_back([this, socket] { serve(socket, true); });
+        for (std::size_t i = 0; i < listeners_.size(); ++i)
+            threads_.emplace_back([this, i] { serve(i); });
     } catch (...) {
         stop();
         throw;
@@ -99,17 +103,27 @@ Camera::Impl::~Impl() { stop(); }
 
 void Camera::Impl::stop()
 {
-    stopping_ = true;
-    socket_->close();
-    for (const SocketPtr& socket : broadcastSockets_)
-        socket->close();
+    {
+        const Lock lock(mutex);
+        stopping_ = true;
+        for (const Listener& listener : listeners_)
+            listener.socket->close();
+    }
+    stream.end();
     for (std::thread& thread : threads_)
         thread.join();
 }
 
-void Camera::Impl::serve(const SocketPtr& socket, bool broadcast)
+void Camera::Impl::serve(std::size_t listener)
 {
     nameCurrentThread("gevsim");
+    SocketPtr socket;
+    bool broadcast = false;
+    {
+        const Lock lock(mutex);
+        socket = listeners_[listener].socket;
+        broadcast = listeners_[listener].broadcast;
+    }
     const auto buffers = std::make_unique<Buffers>();
     std::uint32_t wait = idleWaitMs;
     while (!stopping_) {
@@ -121,7 +135,10 @@ void Camera::Impl::serve(const SocketPtr& socket, bool broadcast)
         if (result.kind == ReceiveResult::Kind::received || cut) {
             wait = take(*buffers, static_cast<std::size_t>(result.count), !cut, from, broadcast);
         } else if (result.kind == ReceiveResult::Kind::waitFailed) {
-            break;
+            const Lock lock(mutex);
+            if (socket == listeners_[listener].socket)
+                break;
+            socket = listeners_[listener].socket;
         } else {
             Lock lock(mutex);
             const Time time = now();
@@ -139,6 +156,7 @@ Camera::Impl::Time Camera::Impl::now()
         recorder.note("control lost: its holder was silent for longer than the heartbeat timeout");
         changed();
     }
+    device.acquisitionEnded(stream.finishedSession());
     return time;
 }
 
@@ -165,8 +183,9 @@ std::uint32_t Camera::Impl::take(Buffers& buffers, std::size_t size, bool whole,
     const std::uint8_t* command = buffers.command.data();
     const bool isCommand = whole && Device::isCommand(command, size);
     const std::uint16_t code = isCommand ? wire::get16(command + wire::atCode) : std::uint16_t{0};
-    // Broadcast is for discovery; other commands in it are meant for other cameras.
-    if (broadcast && code != static_cast<std::uint16_t>(Command::discovery))
+    // Broadcast is for discovery and addresses; other commands in it are meant for other cameras.
+    if (broadcast && code != static_cast<std::uint16_t>(Command::discovery) &&
+        code != static_cast<std::uint16_t>(Command::forceIp))
         return idleWaitMs;
     if (hasHook && isCommand) {
         Lock lock(mutex);
@@ -192,6 +211,9 @@ std::uint32_t Camera::Impl::take(Buffers& buffers, std::size_t size, bool whole,
         else
             answered = device.handle(command, size, from, time, buffers.reply.data());
     }
+    if (const auto wanted = device.takeMove())
+        move(*wanted, buffers.reply.data());
+    const bool reset = device.takeReset();
     if (answered != 0 && roll()) {
         recorder.note("(acknowledge lost)");
         answered = 0;
@@ -200,13 +222,18 @@ std::uint32_t Camera::Impl::take(Buffers& buffers, std::size_t size, bool whole,
         recorder.sent(buffers.reply.data(), answered, from, time);
     changed();
     std::uint32_t wait = idleWaitMs;
-    if (!scheduled.empty() || !reordering.empty()) {
+    if (!scheduled.empty() || !reordering.empty() || stream.open()) {
         flush(lock, time);
         wait = waitFor(Clock::now());
     }
+    const SocketPtr socket = mySocket();
     lock.unlock();
     if (answered != 0)
-        transmit(buffers.reply.data(), answered, from);
+        transmit(socket, buffers.reply.data(), answered, from);
+    if (reset) {
+        lock.lock();
+        powerCycle(Milliseconds(0));
+    }
     return wait;
 }
 
@@ -281,9 +308,10 @@ void Camera::Impl::flush(Lock& lock, Time time)
     for (const Outgoing& outgoing : due)
         recorder.sent(outgoing.bytes.data(), outgoing.bytes.size(), outgoing.to, time);
     changed();
+    const SocketPtr socket = mySocket();
     lock.unlock();
     for (const Outgoing& outgoing : due)
-        transmit(outgoing.bytes.data(), outgoing.bytes.size(), outgoing.to);
+        transmit(socket, outgoing.bytes.data(), outgoing.bytes.size(), outgoing.to);
     lock.lock();
 }
 
@@ -292,6 +320,9 @@ std::uint32_t Camera::Impl::waitFor(Time time) const
     Time next = reorderEnd;
     if (!scheduled.empty())
         next = std::min(next, scheduled.front().due);
+    // The channel closes when control ends, and not some time after.
+    if (stream.open())
+        next = std::min(next, device.controlDeadline());
     if (next == Time::max())
         return idleWaitMs;
     if (next <= time)
@@ -300,9 +331,94 @@ std::uint32_t Camera::Impl::waitFor(Time time) const
     return static_cast<std::uint32_t>(std::min<std::int64_t>(left, idleWaitMs));
 }
 
-void Camera::Impl::transmit(const std::uint8_t* data, std::size_t size, const Endpoint& to)
+void Camera::Impl::setSilence(Time until)
 {
-    if (socket_->sendTo(data, size, toPlatform(to)).count >= 0 || stopping_)
+    silentUntil = until;
+    stream.silence(until);
+}
+
+void Camera::Impl::powerCycle(Milliseconds off)
+{
+    const Time time = now();
+    device.powerCycle(time);
+    scheduled.clear();
+    reordering.clear();
+    reorderEnd = Time::max();
+    held.clear();
+    moveHome();
+    offUntil = after(time, off);
+    recorder.note("power cycle");
+    changed();
+}
+
+void Camera::Impl::replace(Listener& listener, SocketPtr socket)
+{
+    // Wakes its thread, which goes on with the new one.
+    std::exchange(listener.socket, std::move(socket))->close();
+}
+
+bool Camera::Impl::moveTo(std::uint32_t ip, std::uint32_t mask, std::uint32_t gateway)
+{
+    if (stopping_)
+        return false;
+    const std::uint32_t oldDirected = config.endpoint.ip | ~config.subnetMask, directed = ip | ~mask;
+    try {
+        Endpoint where(ip, config.endpoint.port), everybody(directed, config.endpoint.port);
+        SocketPtr own, broadcast;
+        if (ip != config.endpoint.ip)
+            own = openSocket(where, false);
+        if (config.broadcastDiscovery && directed != oldDirected)
+            broadcast = openSocket(everybody, true);
+        if (own) {
+            replace(listeners_.front(), std::move(own));
+            stream.moveTo(ip);
+        }
+        if (broadcast)
+            replace(listeners_.back(), std::move(broadcast));
+    } catch (const std::runtime_error&) {
+        return false;
+    }
+    config.endpoint.ip = ip;
+    config.subnetMask = mask;
+    device.space().setAddress(ip, mask, gateway);
+    return true;
+}
+
+void Camera::Impl::moveHome()
+{
+    const AddressSpace& space = device.space();
+    const bool persistent = (space.get(reg::currentIpConfiguration) & ipConfigurationValue::persistent) != 0 &&
+                            space.get(reg::persistentIp);
+    if (persistent &&
+        moveTo(space.get(reg::persistentIp), space.get(reg::persistentSubnetMask), space.get(reg::persistentGateway)))
+        return;
+    moveTo(given_.endpoint.ip, given_.subnetMask, 0);
+}
+
+void Camera::Impl::move(const Device::Move& wanted, std::uint8_t* reply)
+{
+    const Endpoint old = config.endpoint;
+    if (wanted.ip == 0)
+        moveHome();
+    else if (!moveTo(wanted.ip, wanted.mask, wanted.gateway))
+        wire::put16(reply + wire::atStatus, static_cast<std::uint16_t>(Status::localProblem));
+    if (config.endpoint != old)
+        recorder.note("address " + config.endpoint.text());
+}
+
+void Camera::Impl::frameEnded(const SentFrame& frame)
+{
+    const Lock lock(mutex);
+    if (recorder.tracing())
+        recorder.note("=> picture " + std::to_string(frame.picture.number) + " block " + std::to_string(frame.block) +
+                      " " + std::to_string(frame.picture.width) + "x" + std::to_string(frame.picture.height) + " " +
+                      pixel::name(frame.picture.format) + " in " + std::to_string(frame.packets) + " packets");
+    changed();
+}
+
+void Camera::Impl::transmit(const SocketPtr& socket, const std::uint8_t* data, std::size_t size, const Endpoint& to)
+{
+    if (socket->sendTo(data, size, toPlatform(to)).count >= 0 || stopping_)
         return;
     const Lock lock(mutex);
     ++recorder.counters().sendErrors;

@@ -5,6 +5,7 @@
 #include "tools/gevsim/device.h"
 #include "tools/gevsim/misbehave.h"
 #include "tools/gevsim/recorder.h"
+#include "tools/gevsim/stream.h"
 
 #include "platform/socket.h"
 
@@ -27,6 +28,8 @@ public:
     explicit Impl(const Config& wanted) : Impl(open(wanted)) {}
     ~Impl();
 
+    /// The moment `time` from `now`, which is the end of time for times that lie beyond it.
+    static Time after(Time now, Milliseconds time);
     /// Reads the clock and lets what it has ended end. With the lock held, first in every operation.
     Time now();
     /// Wakes whoever waits for a change. With the lock held.
@@ -36,12 +39,15 @@ public:
     void moveHeldToScheduled(std::size_t most, Time time);
     void moveReorderedToScheduled(Time time);
     void schedule(Outgoing outgoing);
+    void powerCycle(Milliseconds off);
+    void setSilence(Time until);
 
     Config config;
     mutable std::mutex mutex; ///< guards everything below; nothing is called under it but Config::trace
     std::condition_variable condition;
     int waiters = 0;
     std::uint64_t changes = 0; ///< counted while somebody waits
+    Stream stream;             ///< has a lock of its own, inside this one
     Device device;
     Recorder recorder;
     FaultQueue faults;
@@ -49,7 +55,7 @@ public:
     std::vector<Outgoing> reordering; ///< gathered by Fault::reorder
     Time reorderEnd = Time::max();    ///< when they go out at the latest
     std::deque<Outgoing> held;        ///< kept back by Fault::hold
-    Time silentUntil = Time::min();
+    Time silentUntil = Time::min();   ///< see setSilence
     Time offUntil = Time::min();
     double loss = 0;
     std::mt19937_64 random;
@@ -69,8 +75,22 @@ private:
         std::array<std::uint8_t, Device::replySize> reply;
     };
 
+    /// A socket and who listens on it. FORCEIP puts another in its place.
+    struct Listener {
+        zuPlatform::SocketPtr socket;
+        bool broadcast = false;
+    };
+
     void stop();
-    void serve(const zuPlatform::SocketPtr& socket, bool broadcast);
+    void serve(std::size_t listener);
+    /// Listens under another address. False if the system has no such address, and nothing is changed then.
+    bool moveTo(std::uint32_t ip, std::uint32_t mask, std::uint32_t gateway);
+    /// To the address that the registers, or else the configuration, say.
+    void moveHome();
+    void replace(Listener& listener, zuPlatform::SocketPtr socket);
+    void move(const Device::Move& wanted, std::uint8_t* reply);
+    zuPlatform::SocketPtr mySocket() const { return listeners_.front().socket; }
+    void frameEnded(const SentFrame& frame);
     /// Handles one datagram; returns how long the next receive may wait, in milliseconds.
     std::uint32_t take(Buffers& buffers, std::size_t size, bool whole, const zuPlatform::SocketAddress& from,
                        bool broadcast);
@@ -79,10 +99,10 @@ private:
     std::uint32_t waitFor(Time time) const;
     bool roll();
     bool deaf(Time time) const { return time < silentUntil || time < offUntil; }
-    void transmit(const std::uint8_t* data, std::size_t size, const Endpoint& to);
+    void transmit(const zuPlatform::SocketPtr& socket, const std::uint8_t* data, std::size_t size, const Endpoint& to);
 
-    zuPlatform::SocketPtr socket_;
-    std::vector<zuPlatform::SocketPtr> broadcastSockets_;
+    const Config given_;
+    std::vector<Listener> listeners_; ///< the camera's own first
     std::atomic<bool> stopping_{false};
     std::vector<std::thread> threads_;
 };

@@ -32,6 +32,16 @@ struct Config {
     /// Answers 0x8005 to a WRITEMEM whose length is no multiple of 4, which is otherwise accepted.
     bool strictWriteMem = false;
 
+    std::uint32_t sensorWidth = 640, sensorHeight = 480; ///< multiples of 4 and 2 from 16 to 16384
+    /// Starts with 64-bit block ids, which can be switched on and off by a client in any case, and calls itself a
+    /// camera of version 2.0 of the standard.
+    bool extendedIds = false;
+    /// The stream channel stays open, and acquisition goes on, when control ends: a camera that doesn't keep the rules.
+    bool keepsStream = false;
+    /// Pictures leave no faster than over such a link, in megabits a second. 0: as fast as the machine can.
+    std::uint32_t linkSpeed = 1000;
+    std::size_t resendFrames = 8; ///< frames from which packets can be sent again
+
     bool recording = true;            ///< keeps every datagram; switch it off for long runs and benchmarks
     std::size_t recordLimit = 200000; ///< older datagrams are forgotten
 

@@ -3,6 +3,7 @@
 
 #include "tools/gevsim/config.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace gevsim {
@@ -36,9 +37,9 @@ struct Device::Request {
     }
 };
 
-Device::Device(const Config& config, Time now)
-    : space_(config), timestampStart_(now), anyoneWhileFree_(!config.writesNeedControl),
-      strictWriteMem_(config.strictWriteMem)
+Device::Device(const Config& config, Time now, StreamOrders& stream)
+    : space_(config), timestampStart_(now), stream_(stream), anyoneWhileFree_(!config.writesNeedControl),
+      strictWriteMem_(config.strictWriteMem), keepsStream_(config.keepsStream)
 {
 }
 
@@ -87,6 +88,12 @@ std::size_t Device::handle(const std::uint8_t* data, std::size_t size, const End
         case Command::writeMem:
             answered = writeMem(request);
             break;
+        case Command::forceIp:
+            answered = forceIp(request);
+            break;
+        case Command::packetResend:
+            packetResend(request);
+            return 0;
         default:
             answered = request.refused(Status::notImplemented);
             break;
@@ -145,7 +152,9 @@ Status Device::writeReg(std::uint32_t address, std::uint32_t value, const Endpoi
         return Status::accessDenied;
     if (address % 4 != 0)
         return Status::badAlignment;
-    const Status status = space_.checkWrite(address, 4);
+    Status status = space_.checkWrite(address, 4);
+    if (status == Status::success)
+        status = checkValue(address, value);
     if (status == Status::success)
         store(address, value, now);
     return status;
@@ -185,6 +194,10 @@ std::size_t Device::writeMem(const Request& request)
     // CCP is a matter of WRITEREG.
     if (status == Status::success && address <= reg::ccp && reg::ccp < address + count)
         status = Status::writeProtect;
+    if (address < region::bootstrapSize) {
+        for (std::size_t i = 0; status == Status::success && i + 4 <= count; i += 4)
+            status = checkValue(address + static_cast<std::uint32_t>(i), get32(request.data + atMemData + i));
+    }
     if (status != Status::success)
         return request.refused(status);
     std::uint8_t* to = space_.data(address, count);
@@ -195,6 +208,38 @@ std::size_t Device::writeMem(const Request& request)
                   get32(space_.data(address + static_cast<std::uint32_t>(i), 4)), request.now);
     }
     return request.written(Status::success, count);
+}
+
+std::size_t Device::forceIp(const Request& request)
+{
+    if (request.payload() != forceIpSize)
+        return request.refused(Status::invalidParameter);
+    // For another camera: it is a broadcast.
+    if (get16(request.data + atForceMac) != space_.get(reg::macHigh) ||
+        get32(request.data + atForceMac + 2) != space_.get(reg::macLow))
+        return 0;
+    if (control().held())
+        return request.refused(Status::accessDenied);
+    move_ =
+        Move{get32(request.data + atForceIp), get32(request.data + atForceMask), get32(request.data + atForceGateway)};
+    // Who asks for another attempt at an address gets no answer: nobody knows from where it would come.
+    return move_->ip == 0 ? 0 : request.answer(Status::success, 0);
+}
+
+void Device::packetResend(const Request& request)
+{
+    const bool extended = (request.data[atFlags] & flagExtendedIds) != 0;
+    if (request.payload() != (extended ? longResendSize : resendSize) || get16(request.data + atResendChannel) != 0)
+        return;
+    ResendRequest wanted;
+    wanted.extended = extended;
+    const std::uint32_t mask = extended ? 0xFFFFFFFF : 0x00FFFFFF;
+    wanted.first = get32(request.data + atResendFirst) & mask;
+    wanted.last = get32(request.data + atResendLast) & mask;
+    wanted.block = extended ? std::uint64_t{get32(request.data + atResendLongBlock)} << 32 |
+                                  get32(request.data + atResendLongBlock + 4)
+                            : get16(request.data + atResendBlock);
+    stream_.resend(wanted);
 }
 
 /// Puts a value into a register, and does what a write to this register does.
@@ -219,28 +264,76 @@ void Device::store(std::uint32_t address, std::uint32_t value, Time now)
         space_.set(address, 0);
         break;
     case feature::acquisitionStart:
-    case feature::acquisitionStop:
+    case feature::acquisitionStop: {
+        const bool start = address == feature::acquisitionStart;
+        space_.set(address, 0);
+        if ((value & 1u) == 0 || space_.get(feature::acquisitionStatus) == (start ? 1U : 0U))
+            break;
+        space_.set(feature::acquisitionStatus, start ? 1 : 0);
+        configureStream();
+        if (start)
+            stream_.start(++session_);
+        else
+            stream_.stop();
+        break;
+    }
+    case feature::triggerSoftware:
         if (value & 1u)
-            space_.set(feature::acquisitionStatus, address == feature::acquisitionStart ? 1 : 0);
+            stream_.trigger(TriggerSource::software);
         space_.set(address, 0);
         break;
+    case feature::deviceReset:
+        reset_ = reset_ || (value & 1u) != 0;
+        space_.set(address, 0);
+        break;
+    case feature::chunkEnable:
+        space_.set(address, 1);
+        break;
+    case feature::frameRate:
+    case feature::frameRateEnable:
+        if (space_.getFloat(feature::exposureTime) > longestExposure())
+            space_.setFloat(feature::exposureTime, longestExposure());
+        break;
+    case reg::currentIpConfiguration:
+        space_.set(address, (value & (ipConfigurationValue::persistent | ipConfigurationValue::dhcp)) |
+                                ipConfigurationValue::linkLocal);
+        break;
+    case reg::streamPacketSize: {
+        using namespace streamPacketValue;
+        const std::uint32_t wanted = value & size & ~(step - 1);
+        space_.set(address, (value & dontFragment) | std::clamp(wanted, least, most));
+        if (value & fire) {
+            configureStream();
+            stream_.fireTestPacket();
+        }
+        break;
+    }
     default:
         break;
     }
+    const bool ofStream = (address >= reg::streamPort && address < reg::streamEnd) ||
+                          (address >= feature::sensorWidth && address < region::bootstrapSize) ||
+                          address == reg::gvcpConfiguration || address == reg::gvspConfiguration ||
+                          address == reg::timestampControl;
+    if (ofStream)
+        configureStream();
 }
 
 void Device::showControl()
 {
     const Control& control = privilege_.control();
+    const bool ended = space_.get(reg::ccp) != 0 && !control.held();
     space_.set(reg::ccp, control.ccp);
     space_.set(reg::primaryIp, control.holder.ip);
     space_.set(reg::primaryPort, control.holder.port);
+    if (ended)
+        closeChannels();
 }
 
 std::uint32_t Device::heartbeatTimeout() const
 {
-    constexpr std::uint32_t heartbeatDisabled = 1;
-    return (space_.get(reg::gvcpConfiguration) & heartbeatDisabled) ? 0 : space_.get(reg::heartbeatTimeout);
+    const bool disabled = (space_.get(reg::gvcpConfiguration) & gvcpConfigurationValue::heartbeatDisabled) != 0;
+    return disabled ? 0 : space_.get(reg::heartbeatTimeout);
 }
 
 bool Device::expire(Time now)
@@ -270,6 +363,8 @@ void Device::powerCycle(Time now)
     space_.reset();
     privilege_.reset();
     timestampStart_ = now;
+    stream_.stop();
+    configureStream();
 }
 
 } // namespace gevsim

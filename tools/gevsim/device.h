@@ -5,9 +5,12 @@
 #include "tools/gevsim/address_space.h"
 #include "tools/gevsim/privilege.h"
 #include "tools/gevsim/registers.h"
+#include "tools/gevsim/stream_types.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <utility>
 
 namespace gevsim {
 
@@ -19,7 +22,13 @@ public:
     /// Room that `handle` and `refuse` need for an acknowledge.
     static constexpr std::size_t replySize = 576;
 
-    explicit Device(const Config& config, Time now);
+    /// A new address, as FORCEIP asks for it; ip 0: the one that the camera would have after power-up.
+    struct Move {
+        std::uint32_t ip = 0, mask = 0, gateway = 0;
+    };
+
+    /// `stream` gets what the registers ask of the stream.
+    Device(const Config& config, Time now, StreamOrders& stream);
 
     /// Whether the datagram is a command: a header with the key 0x42 and an even code. Everything else gets no answer.
     static bool isCommand(const std::uint8_t* data, std::size_t size);
@@ -29,6 +38,14 @@ public:
 
     /// Answers a command with a status and does not carry it out.
     static std::size_t refuse(const std::uint8_t* data, std::uint16_t status, std::uint8_t* reply);
+
+    /// What a command has asked for, and whoever has the sockets must see to; each is told once.
+    std::optional<Move> takeMove() { return std::exchange(move_, std::nullopt); }
+    bool takeReset() { return std::exchange(reset_, false); }
+
+    /// Acquisition came to its end by itself.
+    void acquisitionEnded(std::uint64_t session);
+    void pulseLine() { stream_.trigger(TriggerSource::line); }
 
     /// CCP 0, registers and memory as after power-up.
     void powerCycle(Time now);
@@ -54,16 +71,31 @@ private:
     std::size_t writeRegs(const Request& request);
     std::size_t readMem(const Request& request);
     std::size_t writeMem(const Request& request);
+    std::size_t forceIp(const Request& request);
+    void packetResend(const Request& request);
+    /// Success, or why a register that may be written doesn't take this value.
+    Status checkValue(std::uint32_t address, std::uint32_t value) const;
     Status writeReg(std::uint32_t address, std::uint32_t value, const Endpoint& from, Time now);
     void store(std::uint32_t address, std::uint32_t value, Time now);
     void showControl();
+    void closeChannels();
+    bool streamOpen() const;
+    bool locked() const;
+    float longestExposure() const;
+    StreamSetup streamSetup() const;
+    void configureStream();
     std::uint32_t heartbeatTimeout() const;
 
     AddressSpace space_;
     Privilege privilege_;
     Time timestampStart_;
+    StreamOrders& stream_;
+    std::uint64_t session_ = 0;
+    std::optional<Move> move_;
+    bool reset_ = false;
     const bool anyoneWhileFree_;
     const bool strictWriteMem_;
+    const bool keepsStream_;
 };
 
 } // namespace gevsim

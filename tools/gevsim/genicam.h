@@ -8,9 +8,6 @@
 
 namespace gevsim {
 
-constexpr std::uint32_t genicamSensorWidth = 640;
-constexpr std::uint32_t genicamSensorHeight = 480;
-
 struct GenicamFile {
     std::string name; ///< "gevsim.xml", or "gevsim.zip"
     std::vector<std::uint8_t> bytes;

@@ -4,6 +4,9 @@
 #include "tools/gevsim/camera.h"
 #include "tools/gevsim/wire.h"
 
+#include <boost/crc.hpp>
+
+#include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <functional>
@@ -238,6 +241,180 @@ std::optional<Fault> faultOf(const std::string& verb, Words& words)
     return std::nullopt;
 }
 
+/// "3" or "3-9", "3-" for all from 3 on.
+void range(const std::string& key, const std::string& text, std::uint64_t& from, std::uint64_t& to)
+{
+    const std::size_t dash = text.find('-');
+    const std::uint64_t most = StreamFault::last;
+    from = optionNumber(key, text.substr(0, dash), most);
+    to = dash == std::string::npos ? from
+         : dash + 1 == text.size() ? most
+                                   : optionNumber(key, text.substr(dash + 1), most);
+    if (to < from)
+        throw ScriptError("'" + text + "' is no range for " + key);
+}
+
+template <typename Value>
+Value named(const std::string& key, const std::string& word, std::initializer_list<std::pair<const char*, Value>> names)
+{
+    std::string all;
+    for (const auto& [name, value] : names) {
+        if (word == name)
+            return value;
+        all += (all.empty() ? "" : ", ") + std::string(name);
+    }
+    throw ScriptError("'" + word + "' is no " + key + "; there are " + all);
+}
+
+double percentage(const std::string& word)
+{
+    double percent = 0;
+    std::istringstream stream(word);
+    std::string rest;
+    const bool isNumber = static_cast<bool>(stream >> percent);
+    stream >> rest;
+    if (!isNumber || !(rest.empty() || rest == "%") || !(percent >= 0 && percent <= 100))
+        throw ScriptError("'" + word + "' is no percentage from 0 to 100");
+    return percent;
+}
+
+void applyOption(StreamFault& fault, const std::string& key, const std::string& value)
+{
+    using Of = StreamFault::Of;
+    using Form = StreamFault::Form;
+    if (key == "packet")
+        range(key, value, fault.fromPacket, fault.toPacket);
+    else if (key == "frame")
+        range(key, value, fault.fromFrame, fault.toFrame);
+    else if (key == "every")
+        fault.every = std::max(1u, static_cast<std::uint32_t>(optionNumber(key, value, most32)));
+    else if (key == "rate")
+        fault.probability = percentage(value) / 100;
+    else if (key == "seed")
+        fault.seed = optionNumber(key, value, std::numeric_limits<std::uint64_t>::max());
+    else if (key == "of" && fault.kind != StreamFault::Kind::refuse)
+        fault.of = named<Of>(
+            key, value, {{"first", Of::first}, {"resends", Of::resends}, {"requests", Of::requests}, {"all", Of::all}});
+    else if (key == "by" && (fault.kind == StreamFault::Kind::repeat || fault.kind == StreamFault::Kind::reorder))
+        fault.by = std::max(1u, static_cast<std::uint32_t>(optionNumber(key, value, 1000)));
+    else if (key == "form" && fault.kind == StreamFault::Kind::corrupt)
+        fault.form = named<Form>(key, value,
+                                 {{"payload", Form::payload},
+                                  {"id", Form::id},
+                                  {"block", Form::block},
+                                  {"format", Form::format},
+                                  {"status", Form::status},
+                                  {"short", Form::shorter},
+                                  {"long", Form::longer}});
+    else
+        throw ScriptError("'" + key + "=' is not understood here");
+}
+
+/// A fault of the stream: its kind, and in any order a count or "always", the kind of packets, and key=value.
+StreamFault streamFault(Words& words)
+{
+    using Kind = StreamFault::Kind;
+    const std::string verb = lower(words.need("a fault"));
+    const auto kind = named<Kind>("fault of the stream", verb,
+                                  {{"lose", Kind::lose},
+                                   {"repeat", Kind::repeat},
+                                   {"reorder", Kind::reorder},
+                                   {"delay", Kind::delay},
+                                   {"corrupt", Kind::corrupt},
+                                   {"refuse", Kind::refuse},
+                                   {"stop", Kind::stop},
+                                   {"restart", Kind::restart}});
+    StreamFault fault = kind == Kind::refuse ? StreamFault::refuse() : StreamFault::make(kind);
+    if (kind == Kind::delay)
+        fault.time = words.milliseconds();
+    bool counted = kind == Kind::refuse, goesOn = false, timed = false;
+    while (!words.empty()) {
+        const std::string word = lower(words.take());
+        const std::size_t equals = word.find('=');
+        std::uint64_t count = 0;
+        if (equals != std::string::npos) {
+            const std::string key = word.substr(0, equals);
+            applyOption(fault, key, word.substr(equals + 1));
+            goesOn = goesOn || key == "rate" || key == "every";
+        } else if (word == "always") {
+            fault.count = StreamFault::always;
+            counted = true;
+        } else if (word == "leader" || word == "trailer" || word == "data") {
+            fault.packets = word == "leader"    ? StreamFault::Packets::leader
+                            : word == "trailer" ? StreamFault::Packets::trailer
+                                                : StreamFault::Packets::data;
+        } else if (parseNumber(word, count) && kind == Kind::restart && !timed && count <= 1000u * 86400) {
+            fault.time = Milliseconds(static_cast<std::int64_t>(count));
+            timed = true;
+        } else if (parseNumber(word, count) && kind != Kind::restart && kind != Kind::stop && count != 0 &&
+                   count <= most32) {
+            fault.count = static_cast<std::uint32_t>(count);
+            counted = true;
+        } else {
+            throw ScriptError("'" + word +
+                              "' is neither a count nor leader, trailer, data or always, nor packet=, frame=, every=, "
+                              "rate=, seed=, of=, by= or form=");
+        }
+    }
+    if (!counted && goesOn)
+        fault.count = StreamFault::always;
+    return fault;
+}
+
+std::string streamInformation(Camera& camera)
+{
+    const StreamCounters counters = camera.streamCounters();
+    const auto part = [](const char* name, std::uint64_t value) { return name + std::to_string(value); };
+    std::string text = std::string("stream ") + (camera.streamOpen() ? "open" : "closed");
+    text += part("\nframes ", counters.frames) + part(", packets ", counters.packets) +
+            part(", bytes ", counters.bytes) + part(", lost ", counters.lost) + part(", repeated ", counters.repeated) +
+            part(", reordered ", counters.reordered) + part(", delayed ", counters.delayed) +
+            part(", corrupted ", counters.corrupted) + part(", send errors ", counters.sendErrors);
+    text += part("\nrequests ", counters.requests) + part(", lost ", counters.requestsLost) +
+            part(", packets sent again ", counters.resent) + part(", lost ", counters.resendsLost) +
+            part(", not available ", counters.unavailable);
+    text += part("\ntest packets ", counters.testPackets) + part(", triggers missed ", counters.triggersMissed);
+    for (const StreamFault& fault : camera.streamFaults())
+        text += "\nstream fault " + fault.text();
+    return text;
+}
+
+/// A line for each of the last frames: what stands in it, a check sum of its payload, and what of it can't have come.
+std::string frameList(Camera& camera, std::size_t most)
+{
+    const std::vector<SentFrame> frames = camera.sentFrames();
+    std::string text;
+    for (std::size_t i = frames.size() - std::min(most, frames.size()); i < frames.size(); ++i) {
+        const SentFrame& frame = frames[i];
+        const Picture& picture = frame.picture;
+        const std::vector<std::uint8_t> payload = payloadOf(frame);
+        boost::crc_32_type crc;
+        crc.process_bytes(payload.data(), payload.size());
+        char line[256];
+        std::snprintf(
+            line, sizeof line, "picture %llu block %llu %ux%u+%u+%u %s time %llu payload %llu crc 0x%08X packets %u",
+            static_cast<unsigned long long>(picture.number), static_cast<unsigned long long>(frame.block),
+            static_cast<unsigned>(picture.width), static_cast<unsigned>(picture.height),
+            static_cast<unsigned>(picture.offsetX), static_cast<unsigned>(picture.offsetY), pixel::name(picture.format),
+            static_cast<unsigned long long>(frame.timestamp), static_cast<unsigned long long>(frame.payloadSize),
+            static_cast<unsigned>(crc.checksum()), static_cast<unsigned>(frame.packets));
+        text += (text.empty() ? "" : "\n") + std::string(line);
+        if (!frame.ended)
+            text += " being sent";
+        // Runs of packets.
+        for (std::size_t at = 0; at < frame.missing.size();) {
+            std::size_t end = at;
+            while (end + 1 < frame.missing.size() && frame.missing[end + 1] == frame.missing[end] + 1)
+                ++end;
+            text += (at == 0 ? " missing " : ",") + std::to_string(frame.missing[at]);
+            if (end > at)
+                text += "-" + std::to_string(frame.missing[end]);
+            at = end + 1;
+        }
+    }
+    return text;
+}
+
 Action quiet(std::function<void(Camera&)> act)
 {
     return [act = std::move(act)](Camera& camera) {
@@ -266,11 +443,7 @@ std::string information(Camera& camera)
 
 Action lossAction(Words& words)
 {
-    const std::string word = words.need("a percentage");
-    double percent = 0;
-    std::istringstream stream(word);
-    if (!(stream >> percent) || !(stream.eof() || stream.peek() == '%') || !(percent >= 0 && percent <= 100))
-        throw ScriptError("'" + word + "' is no percentage from 0 to 100");
+    const double percent = percentage(words.need("a percentage"));
     std::optional<std::uint64_t> seed;
     if (!words.empty()) {
         const std::string option = lower(words.take());
@@ -314,6 +487,28 @@ std::optional<Action> stateAction(const std::string& verb, Words& words)
     return std::nullopt;
 }
 
+std::optional<Action> streamAction(const std::string& verb, Words& words)
+{
+    if (verb == "stream") {
+        if (words.empty())
+            return streamInformation;
+        if (lower(words.peek()) == "next") {
+            words.take();
+            const std::uint64_t number = words.number("number", StreamFault::last);
+            return quiet([number](Camera& camera) { camera.setNextPicture(number); });
+        }
+        const StreamFault fault = streamFault(words);
+        return quiet([fault](Camera& camera) { camera.inject(fault); });
+    }
+    if (verb == "frames") {
+        const std::size_t most = words.empty() ? 10 : static_cast<std::size_t>(words.number("count", most32));
+        return [most](Camera& camera) { return frameList(camera, most); };
+    }
+    if (verb == "pulse")
+        return quiet([](Camera& camera) { camera.pulseLine(); });
+    return std::nullopt;
+}
+
 std::optional<Action> registerAction(const std::string& verb, Words& words)
 {
     const auto registerAddress = [&words] {
@@ -350,6 +545,8 @@ Action parse(const std::string& line)
         return quiet([refined](Camera& camera) { camera.inject(refined); });
     }
     auto action = stateAction(verb, words);
+    if (!action)
+        action = streamAction(verb, words);
     if (!action)
         action = registerAction(verb, words);
     if (!action)

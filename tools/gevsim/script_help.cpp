@@ -31,11 +31,25 @@ Faults at once
     power-cycle [MS]     CCP 0, registers and memory reset, and off for MS
     loss PERCENT [seed=N]  random loss both ways; 0 ends it
     clear                forgets faults, loss and silence, and lets held answers go
+Faults of the stream's packets: stream WORD [leader|trailer|data] [COUNT|always] [KEY=VALUE]...
+  The count is of packets that are hit; it is 1 if it isn't given, and always with every= or rate=.
+    stream lose          never comes                     stream repeat     comes twice, or by=N times more
+    stream reorder       comes behind by=N later ones    stream delay MS   comes late
+    stream corrupt       comes with form=payload | id | block | format | status | short | long damaged
+    stream refuse        resends are answered as not available, always if no count is given
+    stream stop          the camera stops here, in the middle of the frame, until acquisition is started again
+    stream restart [MS]  the camera loses power here, for MS
+                         packet=3-9    only these ids    frame=5-      only pictures from this number on
+                         every=N       each N-th         rate=PERCENT  each with this chance; seed=N
+                         of=resends | requests | all     not of first sendings, but of resends, PACKETRESENDs, all
 Camera
+    stream               what was sent                   stream next N     the number of the next picture
+    frames [N]           the last N pictures (10)        pulse             a pulse on the line that triggers
     read ADDRESS         write ADDRESS VALUE             info              control, counts, waiting faults
     help                 this text
 Examples
-    drop 2 readreg       pending 500 times=3 readmem     short 510 readmem     status access-denied always writereg)";
+    drop 2 readreg       pending 500 times=3 readmem     short 510 readmem     status access-denied always writereg
+    stream lose rate=5 seed=7    stream lose packet=10-20 frame=3 always    stream stop packet=100)";
 }
 
 } // namespace gevsim

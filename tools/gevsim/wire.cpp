@@ -58,13 +58,14 @@ Endpoint::Endpoint(const std::string& dottedQuad, std::uint16_t hostOrderPort) :
     ip = zuPlatform::networkToHost32(network);
 }
 
-std::string Endpoint::text() const
+std::string Endpoint::address() const
 {
     std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%u.%u.%u.%u:%u", ip >> 24, (ip >> 16) & 0xFF, (ip >> 8) & 0xFF, ip & 0xFF,
-                  port);
+    std::snprintf(text.data(), text.size(), "%u.%u.%u.%u", ip >> 24, (ip >> 16) & 0xFF, (ip >> 8) & 0xFF, ip & 0xFF);
     return text.data();
 }
+
+std::string Endpoint::text() const { return address() + ":" + std::to_string(port); }
 
 void wire::putAckHeader(std::uint8_t* p, std::uint16_t status, std::uint16_t code, std::size_t payload,
                         std::uint16_t id)
@@ -124,6 +125,23 @@ std::string describeCommand(const std::uint8_t* data, std::size_t size)
         if (size >= 12)
             text += " [" + address(wire::atAddress) + "]" + bytesNote(size - wire::atMemData);
         break;
+    case Command::forceIp:
+        if (size == wire::headerSize + wire::forceIpSize)
+            text += " " + address(wire::atForceMac + 2) + " to " +
+                    Endpoint(wire::get32(data + wire::atForceIp), 0).address();
+        break;
+    case Command::packetResend: {
+        const bool extended = (data[wire::atFlags] & wire::flagExtendedIds) != 0;
+        if (size != wire::headerSize + (extended ? wire::longResendSize : wire::resendSize))
+            break;
+        const std::uint64_t block = extended ? std::uint64_t{wire::get32(data + wire::atResendLongBlock)} << 32 |
+                                                   wire::get32(data + wire::atResendLongBlock + 4)
+                                             : wire::get16(data + wire::atResendBlock);
+        text += " block " + std::to_string(block) + " packets " +
+                std::to_string(wire::get32(data + wire::atResendFirst)) + " to " +
+                std::to_string(wire::get32(data + wire::atResendLast));
+        break;
+    }
     default:
         break;
     }

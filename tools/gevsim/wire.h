@@ -54,7 +54,8 @@ struct Endpoint {
     /// Throws std::invalid_argument if `dottedQuad` is no address.
     Endpoint(const std::string& dottedQuad, std::uint16_t hostOrderPort);
 
-    std::string text() const; ///< "127.0.0.1:3956"
+    std::string text() const;    ///< "127.0.0.1:3956"
+    std::string address() const; ///< "127.0.0.1"
     friend bool operator==(const Endpoint&, const Endpoint&) = default;
 };
 
@@ -64,6 +65,7 @@ namespace wire {
 
 constexpr std::uint8_t commandKey = 0x42;
 constexpr std::uint8_t flagAckRequired = 0x01;
+constexpr std::uint8_t flagExtendedIds = 0x10; ///< of PACKETRESEND
 constexpr std::uint16_t pendingAckCode = 0x0089;
 constexpr std::size_t headerSize = 8;
 /// Offsets in the header of a command.
@@ -75,6 +77,12 @@ constexpr std::size_t atCode = 2, atLength = 4, atId = 6;
 /// Offsets behind the header.
 constexpr std::size_t atAddress = 8, atValue = 12, atReadMemCount = 14, atMemData = 12, atAckIndex = 10;
 constexpr std::size_t atPendingTime = 10;
+/// FORCEIP: 56 bytes behind the header.
+constexpr std::size_t forceIpSize = 56, atForceMac = 10, atForceIp = 28, atForceMask = 44, atForceGateway = 60;
+/// PACKETRESEND: channel, 16-bit block, first and last packet; with extended ids the 64-bit block behind them.
+constexpr std::size_t resendSize = 12, longResendSize = 20;
+constexpr std::size_t atResendChannel = 8, atResendBlock = 10, atResendFirst = 12, atResendLast = 16,
+                      atResendLongBlock = 20;
 /// Most bytes of memory, registers read and registers written by one command: what fits 576 bytes of IP datagram.
 constexpr std::size_t maxMemory = 536, maxReadRegs = 135, maxWriteRegs = 67;
 constexpr std::size_t discoverySize = 248; ///< the discovery acknowledge's payload: registers 0x0000 to 0x00F7

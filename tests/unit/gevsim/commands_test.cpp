@@ -168,7 +168,7 @@ TEST(Commands, UnknownCommandIsNotImplemented)
     Camera camera(cameraIp, 0);
     Client client(camera.endpoint());
     EXPECT_EQ(text(client.ask(bytes("42 01 77 76 00 00 00 02"))), "80 01 77 77 00 00 00 02");
-    EXPECT_EQ(client.status(command(Command::forceIp, 1, Bytes(56, 0))), 0x8001);
+    EXPECT_EQ(client.status(command(Command::action, 1, Bytes(12, 0))), 0x8001);
 }
 
 TEST(Commands, HeaderThatContradictsItselfIsRefused)
@@ -266,7 +266,7 @@ TEST(Commands, BootstrapRegistersOfAFreshCamera)
     EXPECT_EQ(camera.readRegister(reg::numberOfInterfaces), 1U);
     EXPECT_EQ(camera.readRegister(reg::numberOfMessageChannels), 1U);
     EXPECT_EQ(camera.readRegister(reg::numberOfStreamChannels), 1U);
-    EXPECT_EQ(camera.readRegister(reg::gvcpCapability), 0xF8200023U);
+    EXPECT_EQ(camera.readRegister(reg::gvcpCapability), 0xF8600027U);
     EXPECT_EQ(camera.readRegister(reg::heartbeatTimeout), 3000U);
     EXPECT_EQ(camera.readRegister(reg::tickFrequencyHigh), 0U);
     EXPECT_EQ(camera.readRegister(reg::tickFrequencyLow), 1000000000U);

@@ -1,6 +1,7 @@
 // Control of the camera: CCP, who may read and write, switchover, and the heartbeat. Times are handed to the device, so
 // nothing here waits for a clock.
 #include "tests/unit/gevsim/client.h"
+#include "tests/unit/gevsim/orders.h"
 
 #include "tools/gevsim/config.h"
 #include "tools/gevsim/device.h"
@@ -33,7 +34,8 @@ protected:
     const Endpoint samePlace{"127.0.13.2", 4001};
     Config config;
     Device::Time time{milliseconds(1000000)};
-    Device device{config, time};
+    RecordedOrders orders;
+    Device device{config, time, orders};
 };
 
 } // namespace
@@ -49,7 +51,7 @@ TEST_F(Privilege, NobodyWritesAFreeCamera)
 TEST_F(Privilege, EverybodyWritesAFreeCameraWhereThatIsAllowed)
 {
     config.writesNeedControl = false;
-    Device open(config, time);
+    Device open(config, time, orders);
     Bytes reply(Device::replySize);
     const Bytes write = writeReg(feature::testValue, 1);
     const Bytes control = writeReg(reg::ccp, 2);
