@@ -29,7 +29,6 @@ constexpr std::uint32_t capabilities = 0xF8600027;
 constexpr std::uint32_t streamCapabilities = 0xC0000000;  // source port, 16-bit block ids
 constexpr std::uint32_t channelCapabilities = 0x00000003; // unconditional streaming, extended chunk data
 constexpr std::uint32_t extendedIdsVersion = 0x00020000;
-constexpr std::uint32_t leastSensor = 16, mostSensor = 16384;
 constexpr std::uint32_t packetSize = 1400;
 
 std::uint64_t defaultMac(const Endpoint& endpoint)
@@ -59,7 +58,7 @@ AddressSpace::AddressSpace(const Config& config)
     if (config.memorySize % 4 != 0 || config.memorySize > maxMemorySize)
         throw std::invalid_argument("the memory's size must be a multiple of 4 and at most 256 MiB");
     const auto fits = [](std::uint32_t size, std::uint32_t step) {
-        return size >= leastSensor && size <= mostSensor && size % step == 0;
+        return size >= limit::leastSize && size <= limit::largestSensor && size % step == 0;
     };
     if (!fits(config.sensorWidth, limit::widthStep) || !fits(config.sensorHeight, limit::heightStep))
         throw std::invalid_argument("the sensor is 16 to 16384 pixels wide and high, in multiples of 4 and 2");

@@ -1,9 +1,13 @@
 // Options of the program, and its help.
 #include "tools/gevsim/options.h"
 
+#include "tools/gevsim/registers.h"
 #include "tools/gevsim/script.h"
 
 #include <CLI/CLI.hpp>
+
+#include <charconv>
+#include <string_view>
 
 namespace gevsim {
 
@@ -29,10 +33,24 @@ std::uint64_t macOf(const std::string& text)
     return mac;
 }
 
+void readSensor(const std::string& text, Config& camera)
+{
+    const auto number = [](std::string_view word, std::uint32_t step, std::uint32_t& value) {
+        const auto result = std::from_chars(word.data(), word.data() + word.size(), value);
+        return result.ec == std::errc() && result.ptr == word.data() + word.size() && value >= limit::leastSize &&
+               value <= limit::largestSensor && value % step == 0;
+    };
+    const std::size_t cross = text.find('x');
+    const std::string_view all = text;
+    if (cross == std::string::npos || !number(all.substr(0, cross), limit::widthStep, camera.sensorWidth) ||
+        !number(all.substr(cross + 1), limit::heightStep, camera.sensorHeight))
+        throw UsageError("'" + text + "' is no sensor such as 640x480, of 16 to 16384 pixels, in multiples of 4 and 2");
+}
+
 /// Values as typed; they are looked at afterwards, so that a number out of range gets a clear word.
 struct Typed {
-    std::string address = "127.0.0.1", mac;
-    std::int64_t port = gvcpPort, count = 1, memory = 1024, heartbeat = 3000;
+    std::string address = "127.0.0.1", mac, sensor = "640x480";
+    std::int64_t port = gvcpPort, count = 1, memory = 1024, heartbeat = 3000, link = 1000, ring = 8;
     bool noBroadcast = false, freeWrites = false, noInput = false;
 };
 
@@ -71,6 +89,13 @@ void describe(CLI::App& app, Options& options, Typed& typed)
     value("--mac", typed.mac, "MAC", "MAC address (made from address and port)");
     value("--memory", typed.memory, "KIB", "Size of the writable memory at 0x10000, in KiB")->capture_default_str();
     value("--heartbeat", typed.heartbeat, "MS", "Heartbeat timeout; 0 never drops control")->capture_default_str();
+    value("--sensor", typed.sensor, "WxH", "Size of the sensor in pixels, multiples of 4 and 2")->capture_default_str();
+    value("--link-speed", typed.link, "MBIT", "Pictures leave no faster than that; 0: as fast as can be")
+        ->capture_default_str();
+    value("--resend-frames", typed.ring, "N", "So many frames back, packets can be asked for again")
+        ->capture_default_str();
+    flag("--extended-ids", camera.extendedIds, "A camera of version 2.0, with 64-bit ids of frames");
+    flag("--keep-stream", camera.keepsStream, "Goes on sending when control ends");
     flag("--zip", camera.zippedXml, "Keeps the GenICam file zipped");
     flag("--free-writes", typed.freeWrites, "Lets everybody write while nobody holds control");
     flag("--strict", camera.strictWriteMem, "Refuses WRITEMEM whose length is no multiple of 4");
@@ -116,6 +141,9 @@ Options parseOptions(int argc, const char* const* argv)
     options.camera.memorySize = static_cast<std::uint32_t>(inRange("memory", typed.memory, 0, 256 * 1024)) * 1024;
     options.camera.heartbeatTimeoutMs =
         static_cast<std::uint32_t>(inRange("heartbeat", typed.heartbeat, 0, 0xFFFFFFFF));
+    options.camera.linkSpeed = static_cast<std::uint32_t>(inRange("link-speed", typed.link, 0, 1000000));
+    options.camera.resendFrames = static_cast<std::size_t>(inRange("resend-frames", typed.ring, 1, 1000));
+    readSensor(typed.sensor, options.camera);
     if (!typed.mac.empty())
         options.camera.mac = macOf(typed.mac);
     options.camera.broadcastDiscovery = !typed.noBroadcast;
@@ -133,7 +161,7 @@ std::string helpText()
     Typed typed;
     CLI::App app(
         "A simulated GigE Vision camera. It answers GVCP on one address until it is told to stop (Ctrl-C), can be "
-        "found\nby discovery, and does wrong what it is told to do wrong.",
+        "found\nby discovery, sends pictures, and does wrong what it is told to do wrong.",
         "gevsim");
     describe(app, options, typed);
     return app.help() +
@@ -151,6 +179,7 @@ std::string helpText()
            "  gevsim -a 127.0.0.5 -t               another one beside it, which prints what it is sent\n"
            "  gevsim -x 'pending 500 times=3'      the first command takes three times half a second\n"
            "  gevsim -x 'loss 5 seed=7'            loses one datagram in twenty, the same ones each time\n"
+           "  gevsim -x 'stream lose rate=1'        loses one stream packet in a hundred\n"
            "  gevsim -n 16 -a 127.0.1.1            sixteen cameras, from 127.0.1.1 to 127.0.1.16\n"
            "  echo 'power-cycle 2000' | gevsim     goes off for two seconds, and on with its work\n"
            "\nExit status: 0 after a stop that was asked for, 1 if it can't listen, 2 for a wrong command line.\n";

@@ -138,7 +138,7 @@ constexpr std::uint32_t unconditional = 0x2; ///< the channel stays open when co
 
 /// Bounds of the features.
 namespace limit {
-constexpr std::uint32_t leastSize = 16, widthStep = 4, heightStep = 2;
+constexpr std::uint32_t leastSize = 16, largestSensor = 16384, widthStep = 4, heightStep = 2;
 constexpr float leastFrameRate = 0.1F, mostFrameRate = 1000.0F;
 constexpr float leastExposure = 10.0F, mostExposure = 1000000.0F; ///< microseconds
 constexpr float leastGain = 0.0F, mostGain = 24.0F;

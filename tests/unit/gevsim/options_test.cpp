@@ -38,6 +38,12 @@ TEST(CommandLine, Defaults)
     EXPECT_TRUE(options.camera.writesNeedControl);
     EXPECT_FALSE(options.camera.recording);
     EXPECT_FALSE(options.camera.strictWriteMem);
+    EXPECT_EQ(options.camera.sensorWidth, 640U);
+    EXPECT_EQ(options.camera.sensorHeight, 480U);
+    EXPECT_EQ(options.camera.linkSpeed, 1000U);
+    EXPECT_EQ(options.camera.resendFrames, 8U);
+    EXPECT_FALSE(options.camera.extendedIds);
+    EXPECT_FALSE(options.camera.keepsStream);
     EXPECT_FALSE(options.trace);
     EXPECT_TRUE(options.input);
     EXPECT_FALSE(options.endWithInput);
@@ -68,6 +74,14 @@ TEST(CommandLine, EveryOption)
                                    "64",
                                    "--heartbeat",
                                    "0",
+                                   "--sensor",
+                                   "1024x768",
+                                   "--link-speed",
+                                   "0",
+                                   "--resend-frames",
+                                   "20",
+                                   "--extended-ids",
+                                   "--keep-stream",
                                    "--zip",
                                    "--free-writes",
                                    "--strict",
@@ -89,6 +103,12 @@ TEST(CommandLine, EveryOption)
     EXPECT_EQ(options.camera.mac, 0x02AB0000000FU);
     EXPECT_EQ(options.camera.memorySize, 64U * 1024);
     EXPECT_EQ(options.camera.heartbeatTimeoutMs, 0U);
+    EXPECT_EQ(options.camera.sensorWidth, 1024U);
+    EXPECT_EQ(options.camera.sensorHeight, 768U);
+    EXPECT_EQ(options.camera.linkSpeed, 0U);
+    EXPECT_EQ(options.camera.resendFrames, 20U);
+    EXPECT_TRUE(options.camera.extendedIds);
+    EXPECT_TRUE(options.camera.keepsStream);
     EXPECT_TRUE(options.camera.zippedXml);
     EXPECT_FALSE(options.camera.writesNeedControl);
     EXPECT_TRUE(options.camera.strictWriteMem);
@@ -110,6 +130,13 @@ TEST(CommandLine, Mistakes)
                                                          {"-n", "0"},
                                                          {"--memory", "262145"},
                                                          {"--heartbeat", "-1"},
+                                                         {"--sensor", "640"},
+                                                         {"--sensor", "642x480"},
+                                                         {"--sensor", "640x480x3"},
+                                                         {"--sensor", "16388x480"},
+                                                         {"--sensor", "x"},
+                                                         {"--link-speed", "-1"},
+                                                         {"--resend-frames", "0"},
                                                          {"--mac", "02:00"},
                                                          {"--mac", "02-00-00-00-00-00"},
                                                          {"--mac", "0g:00:00:00:00:00"},
