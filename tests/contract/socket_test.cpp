@@ -6,7 +6,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <netinet/in.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -171,22 +170,12 @@ TEST_F(SocketTest, ABatchStopsAtWhatCannotBeSent)
 
 TEST_F(SocketTest, MulticastLeavesByTheInterfaceThatIsSaid)
 {
-    // The receiver joins by the system's own means: what is tested is the sender.
-    const int system = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in local{AF_INET, 0, {ip("239.255.10.1")}, {}};
-    socklen_t size = sizeof local;
-    ASSERT_EQ(::bind(system, reinterpret_cast<const sockaddr*>(&local), size), 0);
-    ASSERT_EQ(::getsockname(system, reinterpret_cast<sockaddr*>(&local), &size), 0);
-    const SocketAddress group{local.sin_addr.s_addr, local.sin_port};
-    const ip_mreq membership{{group.address}, {ip("127.0.0.1")}};
-    ASSERT_EQ(::setsockopt(system, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership), 0);
-    const timeval patience{10, 0};
-    ASSERT_EQ(::setsockopt(system, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience), 0);
-
+    const SocketPtr member = makeSocket();
+    const SocketAddress group{ip("239.255.10.1"), hostToNetwork16(20210)};
+    ASSERT_EQ(member->joinGroup(group, ip("127.0.0.1")), 0);
     EXPECT_EQ(sender->setMulticastInterface(ip("127.0.0.1")), 0);
     EXPECT_EQ(sender->sendTo("hello", 5, group).count, 5);
-    EXPECT_EQ(::recv(system, buffer, sizeof buffer, 0), 5);
-    ::close(system);
+    EXPECT_EQ(member->receive(buffer, sizeof buffer, 10000, nullptr).count, 5);
     EXPECT_EQ(sender->setMulticastInterface(ip("192.0.2.1")), EADDRNOTAVAIL);
     sender->close();
     EXPECT_EQ(sender->setMulticastInterface(ip("127.0.0.1")), EBADF);

@@ -76,7 +76,7 @@ public:
     void setNextPicture(std::uint64_t number); ///< of the next picture, and of its block
     StreamCounters streamCounters() const;
     /// The last 1024 frames, oldest first, with what stands in them and what of them can't have come. One that is still
-    /// being sent is the last, and not `ended`.
+    /// being sent is the last, and not `ended`. Counts and report may lag behind a receiver by one batch of packets.
     std::vector<SentFrame> sentFrames() const;
 
     /// Sends any bytes from the camera's port, such as an acknowledge that nobody asked for.

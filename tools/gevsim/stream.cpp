@@ -148,6 +148,7 @@ void Stream::resend(const ResendRequest& request)
     ++counters_.requests;
     StreamVictim victim;
     victim.of = StreamFault::Of::requests;
+    victim.kind = StreamFault::Packets::any;
     victim.frame = request.block;
     victim.packet = request.first;
     if (requestCount_ == mostRequests || faults_.take(victim)) {

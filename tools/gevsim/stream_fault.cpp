@@ -50,8 +50,7 @@ bool meant(const StreamFault& fault, const StreamVictim& victim)
     // All else needs a packet.
     if (victim.of == StreamFault::Of::requests && fault.kind != StreamFault::Kind::lose)
         return false;
-    if (victim.of != StreamFault::Of::requests && fault.packets != StreamFault::Packets::any &&
-        fault.packets != victim.kind)
+    if (fault.packets != StreamFault::Packets::any && fault.packets != victim.kind)
         return false;
     return victim.packet >= fault.fromPacket && victim.packet <= fault.toPacket && victim.frame >= fault.fromFrame &&
            victim.frame <= fault.toFrame;

@@ -69,9 +69,9 @@ struct StreamFault {
 
 /// What a fault may be meant for.
 struct StreamVictim {
-    StreamFault::Of of = StreamFault::Of::first; ///< first, resends or requests
-    StreamFault::Packets kind = StreamFault::Packets::data;
-    std::uint64_t frame = 0; ///< 0 where it isn't known
+    StreamFault::Of of = StreamFault::Of::first;            ///< first, resends or requests
+    StreamFault::Packets kind = StreamFault::Packets::data; ///< any: it is a request
+    std::uint64_t frame = 0;                                ///< 0 where it isn't known
     std::uint32_t packet = 0;
 };
 

@@ -69,6 +69,57 @@ TEST(Steady, NoAllocationWithoutARecording)
     EXPECT_EQ(exchange(camera, 500), 0U);
 }
 
+namespace {
+
+/// Allocations while so many pictures come and packets of them are asked for again.
+std::uint64_t pictures(gevsim::Camera& camera, const zuPlatform::SocketPtr& socket, int count)
+{
+    std::array<std::uint8_t, 9000> packet{};
+    std::array<std::uint8_t, 20> request{0x42, 0, 0, 0x40, 0, 12, 0, 1};
+    const zuPlatform::SocketAddress to{zuPlatform::hostToNetwork32(camera.ip()),
+                                       zuPlatform::hostToNetwork16(camera.port())};
+    const std::uint64_t before = gevsimTest::allocations();
+    for (int trailers = 0; trailers < count;) {
+        const auto result = socket->receive(packet.data(), packet.size(), 20000, nullptr);
+        if (result.kind != zuPlatform::ReceiveResult::Kind::received) {
+            ADD_FAILURE() << "no packet";
+            return 0;
+        }
+        if (packet[4] != 2 || gevsim::wire::get16(&packet[6]) == 0)
+            continue;
+        ++trailers;
+        gevsim::wire::put16(&request[10], gevsim::wire::get16(&packet[2]));
+        gevsim::wire::put32(&request[12], 1);
+        gevsim::wire::put32(&request[16], 3);
+        socket->sendTo(request.data(), request.size(), to);
+    }
+    return gevsimTest::allocations() - before;
+}
+
+} // namespace
+
+TEST(Steady, NoAllocationForAPicture)
+{
+    gevsim::Config made = config(false);
+    made.heartbeatTimeoutMs = 0;
+    made.resendFrames = 4;
+    gevsim::Camera camera(made);
+    int error = 0;
+    const zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open(error);
+    ASSERT_EQ(socket->bind(zuPlatform::loopbackAt(0)), 0);
+    zuPlatform::SocketAddress local;
+    ASSERT_EQ(socket->getLocalAddress(local), 0);
+    camera.writeRegister(gevsim::feature::height, 64);
+    camera.writeRegister(gevsim::feature::chunkMode, 1);
+    camera.writeRegister(gevsim::feature::frameRate, 0x43480000); // 200
+    camera.writeRegister(gevsim::reg::streamDestination, 0x7F000001);
+    camera.writeRegister(gevsim::reg::streamPort, zuPlatform::networkToHost16(local.port));
+    camera.writeRegister(gevsim::feature::acquisitionStart, 1);
+    pictures(camera, socket, 10);
+    EXPECT_EQ(pictures(camera, socket, 60), 0U);
+    EXPECT_GT(camera.streamCounters().resent, 0U);
+}
+
 TEST(Steady, TheCountingCounts)
 {
     gevsim::Camera camera(config(true));
