@@ -96,7 +96,8 @@ class ConnectionImpl;
 class ZU_GEV_CLIENT_API Connection {
 public:
     /// Connects to the daemon. Throws NoDaemonError, within two seconds if there is none; one that is busy with the end
-    /// of another client is waited for, up to a minute. Any number of connections may be open.
+    /// of another client, or whatever has its port, is waited for, up to a minute. Any number of connections may be
+    /// open.
     Connection();
     /// Gives the camera back and leaves the daemon: up to about a second. Does not throw.
     ~Connection();

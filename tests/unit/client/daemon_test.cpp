@@ -50,6 +50,19 @@ TEST(NoDaemonTest, publishedByADaemonThatIsDead)
     }
 }
 
+TEST(NoDaemonTest, aPortThatIsTakenIsWaitedForUntilItIsFree)
+{
+    ScriptedDaemon daemon;
+    const auto port = zuPlatform::loopbackAt(zuPlatform::hostToNetwork16(Daemon::port()));
+    daemon.die();
+    auto silent = zuPlatform::DatagramSocket::open();
+    ASSERT_EQ(silent->bind(port), 0);
+    auto newcomer = std::async(std::launch::async, [] { EXPECT_THROW(Connection{}, NoDaemonError); });
+    EXPECT_EQ(newcomer.wait_for(2500ms), std::future_status::timeout) << "it may be a daemon that is busy";
+    silent.reset();
+    EXPECT_EQ(newcomer.wait_for(20s), std::future_status::ready) << "and here it has died";
+}
+
 TEST(DaemonTest, theQuestionForLifeLeavesNothingBehind)
 {
     ScriptedDaemon daemon;
