@@ -84,11 +84,12 @@ const char* commandText(Command command)
     }
 }
 
-Channel::Channel(std::shared_ptr<EventQueue> events) : events_(std::move(events)), attachment_(attach())
+Channel::Channel(std::shared_ptr<EventQueue> events) : attachment_(attach())
 {
-    listen(attachment_,
-           [queue = events_](void* data, std::size_t capacity, std::size_t& length,
-                             boost::function<void(unsigned int)>) { answerEvent(*queue, data, capacity, length); });
+    listen(attachment_, [queue = std::move(events)](void* data, std::size_t capacity, std::size_t& length,
+                                                    boost::function<void(unsigned int)>) {
+        answerEvent(*queue, data, capacity, length);
+    });
 }
 
 Channel::~Channel() { detach(attachment_); }
@@ -172,7 +173,6 @@ bool Channel::synchronise(Reply& reply)
 void Channel::loseDaemon(const std::string& why)
 {
     lost_ = true;
-    events_->push(Event::daemonLost);
     throw DaemonLostError("The daemon is gone: " + why);
 }
 

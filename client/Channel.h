@@ -1,6 +1,6 @@
 // Commands and replies of one connection: sends a request, checks that the reply belongs to it, tells a slow daemon
 // from one that is gone, and answers the daemon's events. The user holds a lock around everything but the event
-// answers, which come on the pipe's thread.
+// answers, which come on the pipe's thread. The user also tells the program of a loss.
 #pragma once
 
 #include "client/EventQueue.h"
@@ -35,6 +35,9 @@ public:
     /// A round trip to the daemon's side of this connection, camera left out, which also tells the local address.
     Endpoint localAddress();
 
+    /// Of the daemon at the other end; network byte order.
+    std::uint16_t daemonPort() const { return attachment_.daemonPort; }
+
 private:
     bool send(Request& request, Reply& reply, Milliseconds timeout);
     bool obtainReply(Request& request, Reply& reply, std::uint32_t wait);
@@ -43,7 +46,6 @@ private:
     void findOut(const char* what);
     [[noreturn]] void loseDaemon(const std::string& why);
 
-    std::shared_ptr<EventQueue> events_;
     Attachment attachment_;
     bool lost_ = false;
     bool outOfStep_ = false; ///< a reply may still be under way, or a command not yet read

@@ -55,6 +55,8 @@ const char* toString(Event event)
         return "reconnected";
     case Event::daemonLost:
         return "daemon lost";
+    case Event::daemonReturned:
+        return "daemon returned";
     }
     return "?";
 }
@@ -131,6 +133,8 @@ std::uint32_t Connection::retries() { return impl().retries(); }
 Heartbeat Connection::setHeartbeat(Milliseconds timeout) { return impl().setHeartbeat(timeout); }
 Heartbeat Connection::heartbeat() { return impl().heartbeat(); }
 void Connection::setEventHandler(EventHandler handler) { impl().setEventHandler(std::move(handler)); }
+void Connection::followDaemon(Milliseconds period) { impl().followDaemon(period); }
+void Connection::stopFollowing() { impl().stopFollowing(); }
 void Connection::ping() { static_cast<void>(impl().localAddress()); }
 
 } // namespace zuGevClient

@@ -59,19 +59,31 @@ std::uint32_t milliseconds32(Milliseconds value, const char* what)
 
 } // namespace
 
-ConnectionImpl::ConnectionImpl() : channel_(std::make_unique<Channel>(events_)) {}
+ConnectionImpl::ConnectionImpl() : channel_(std::make_unique<Channel>(events_))
+{
+    daemonPort_ = channel_->daemonPort();
+}
 
 ConnectionImpl::~ConnectionImpl() { close(); }
 
 void ConnectionImpl::close() noexcept
 {
     open_ = false;
+    follower_.stop();
     {
-        const std::lock_guard<TurnLock> turn(turn_);
+        const std::lock_guard<TurnLock> closing(turn_);
         channel_.reset();
         privileged_ = false;
     }
     events_->stop();
+}
+
+std::unique_lock<TurnLock> ConnectionImpl::turn()
+{
+    throwIfAway();
+    std::unique_lock<TurnLock> lock(turn_);
+    throwIfAway();
+    return lock;
 }
 
 Channel& ConnectionImpl::channel()
@@ -92,7 +104,15 @@ Milliseconds ConnectionImpl::budget(unsigned cameraCommands) const
 
 void ConnectionImpl::command(Request& request, Reply& reply, Milliseconds timeout, Channel::OnSilence onSilence)
 {
-    channel().exchange(request, reply, timeout, onSilence);
+    try {
+        channel().exchange(request, reply, timeout, onSilence);
+    } catch (const DaemonLostError& loss) {
+        lose(loss.what());
+        throw;
+    } catch (const TimeoutError&) {
+        doubted_ = true;
+        throw;
+    }
 }
 
 void ConnectionImpl::acknowledged(Request& request, Milliseconds timeout)
@@ -105,12 +125,18 @@ void ConnectionImpl::acknowledged(Request& request, Milliseconds timeout)
 
 void ConnectionImpl::bind(const Endpoint& local)
 {
-    const std::lock_guard<TurnLock> turn(turn_);
+    const auto lock = turn();
+    bindTo(local);
+    settings_.local = local;
+}
+
+void ConnectionImpl::bindTo(const Endpoint& local)
+{
     Request request(zuIPCPipe::CmdBindSocket);
     request.add(zuIPCPipe::TagLocalIp, local.address).add(zuIPCPipe::TagLocalPort, local.port);
     acknowledged(request, budget(1));
     // The daemon acknowledges a refused bind too, but a socket without a port tells.
-    const Endpoint bound = channel().localAddress();
+    const Endpoint bound = askLocalAddress();
     if (bound.port == 0 || (local.port != 0 && bound.port != local.port) ||
         (local.address != 0 && bound.address != local.address))
         throw DaemonError("The system refused the local address " + toString(local));
@@ -120,7 +146,15 @@ void ConnectionImpl::setDestination(const Endpoint& camera)
 {
     if (camera.address == 0 || camera.address == 0xFFFFFFFF || camera.port == 0)
         throw std::invalid_argument("A camera's address has neither address 0 nor 255.255.255.255, nor port 0");
-    const std::lock_guard<TurnLock> turn(turn_);
+    const auto lock = turn();
+    aimAt(camera);
+    if (settings_.camera != camera)
+        settings_.heartbeat.reset(); // it was the other camera's
+    settings_.camera = camera;
+}
+
+void ConnectionImpl::aimAt(const Endpoint& camera)
+{
     Request request(zuIPCPipe::CmdSetDestination);
     request.add(zuIPCPipe::TagDestIp, camera.address).add(zuIPCPipe::TagDestPort, camera.port);
     acknowledged(request, budget(1));
@@ -128,13 +162,34 @@ void ConnectionImpl::setDestination(const Endpoint& camera)
 
 Endpoint ConnectionImpl::localAddress()
 {
-    const std::lock_guard<TurnLock> turn(turn_);
-    return channel().localAddress();
+    const auto lock = turn();
+    return askLocalAddress();
+}
+
+Endpoint ConnectionImpl::askLocalAddress()
+{
+    try {
+        return channel().localAddress();
+    } catch (const DaemonLostError& loss) {
+        lose(loss.what());
+        throw;
+    } catch (const TimeoutError&) {
+        doubted_ = true;
+        throw;
+    }
 }
 
 bool ConnectionImpl::link(LinkMode mode)
 {
-    const std::lock_guard<TurnLock> turn(turn_);
+    const auto lock = turn();
+    settings_.mode.reset(); // a link that fails leaves none behind
+    const bool confirmed = takeLink(mode);
+    settings_.mode = mode;
+    return confirmed;
+}
+
+bool ConnectionImpl::takeLink(LinkMode mode)
+{
     Request request(zuIPCPipe::CmdLink);
     request.add(zuIPCPipe::TagLinkMode, mode.value());
     Reply reply;
@@ -184,13 +239,14 @@ void ConnectionImpl::giveBack()
 
 void ConnectionImpl::unlink()
 {
-    const std::lock_guard<TurnLock> turn(turn_);
+    const auto lock = turn();
     giveBack();
+    settings_.mode.reset();
 }
 
 bool ConnectionImpl::checkLink()
 {
-    const std::lock_guard<TurnLock> turn(turn_);
+    const auto lock = turn();
     Request request(zuIPCPipe::CmdCheckLink);
     Reply reply;
     command(request, reply, budget(1), Channel::OnSilence::repeat);
@@ -199,7 +255,7 @@ bool ConnectionImpl::checkLink()
 
 std::uint32_t ConnectionImpl::readRegister(std::uint32_t address)
 {
-    const std::lock_guard<TurnLock> turn(turn_);
+    const auto lock = turn();
     return fetchRegister(address);
 }
 
@@ -219,7 +275,7 @@ std::uint32_t ConnectionImpl::fetchRegister(std::uint32_t address)
 
 void ConnectionImpl::writeRegister(std::uint32_t address, std::uint32_t value)
 {
-    const std::lock_guard<TurnLock> turn(turn_);
+    const auto lock = turn();
     Request request(zuIPCPipe::CmdWriteReg);
     request.add(zuIPCPipe::TagAddress, std::uint64_t{address})
         .add(zuIPCPipe::TagRegValue, value)
@@ -241,19 +297,19 @@ void ConnectionImpl::write(std::uint32_t address, const void* source, std::size_
 
 void ConnectionImpl::readWords(std::uint32_t address, std::uint8_t* destination, std::size_t size)
 {
-    const std::lock_guard<TurnLock> turn(turn_);
+    const auto lock = turn();
     fetchWords(address, destination, size);
 }
 
 void ConnectionImpl::writeWords(std::uint32_t address, const std::uint8_t* source, std::size_t size)
 {
-    const std::lock_guard<TurnLock> turn(turn_);
+    const auto lock = turn();
     storeWords(address, source, size);
 }
 
 void ConnectionImpl::patchWord(std::uint32_t address, std::size_t offset, const std::uint8_t* source, std::size_t size)
 {
-    const std::lock_guard<TurnLock> turn(turn_);
+    const auto lock = turn();
     std::array<std::uint8_t, 4> word{};
     fetchWords(address, word.data(), word.size());
     std::copy(source, source + size, word.begin() + static_cast<std::ptrdiff_t>(offset));
@@ -314,10 +370,8 @@ void ConnectionImpl::setAckTimeout(Milliseconds timeout)
     const std::uint32_t value = milliseconds32(timeout, "The acknowledge timeout");
     if (value == 0)
         throw std::invalid_argument("An acknowledge timeout of 0 would fail every command");
-    const std::lock_guard<TurnLock> turn(turn_);
-    Request request(zuIPCPipe::CmdSetAckTimeout);
-    request.add(zuIPCPipe::TagAckTimeout, value);
-    acknowledged(request, budget(1));
+    const auto lock = turn();
+    tune(zuIPCPipe::CmdSetAckTimeout, zuIPCPipe::TagAckTimeout, value);
     ackTimeoutMs_ = value;
 }
 
@@ -325,11 +379,16 @@ void ConnectionImpl::setRetries(std::uint32_t retries)
 {
     if (retries == 0)
         throw std::invalid_argument("Without an attempt every command would fail");
-    const std::lock_guard<TurnLock> turn(turn_);
-    Request request(zuIPCPipe::CmdSetRetries);
-    request.add(zuIPCPipe::TagRetries, retries);
-    acknowledged(request, budget(1));
+    const auto lock = turn();
+    tune(zuIPCPipe::CmdSetRetries, zuIPCPipe::TagRetries, retries);
     retries_ = retries;
+}
+
+void ConnectionImpl::tune(Command number, Tag tag, std::uint32_t value)
+{
+    Request request(number);
+    request.add(tag, value);
+    acknowledged(request, budget(1));
 }
 
 std::uint8_t ConnectionImpl::tuning(Command number, Tag tag)
@@ -345,7 +404,7 @@ std::uint8_t ConnectionImpl::tuning(Command number, Tag tag)
 
 Milliseconds ConnectionImpl::ackTimeout()
 {
-    const std::lock_guard<TurnLock> turn(turn_);
+    const auto lock = turn();
     if (tuning(zuIPCPipe::CmdGetAckTimeout, zuIPCPipe::TagAckTimeout) != (ackTimeoutMs_ & 0xFF))
         throw DaemonError("The daemon's acknowledge timeout is not the one that was set");
     return Milliseconds(ackTimeoutMs_);
@@ -353,7 +412,7 @@ Milliseconds ConnectionImpl::ackTimeout()
 
 std::uint32_t ConnectionImpl::retries()
 {
-    const std::lock_guard<TurnLock> turn(turn_);
+    const auto lock = turn();
     if (tuning(zuIPCPipe::CmdGetRetries, zuIPCPipe::TagRetries) != (retries_ & 0xFF))
         throw DaemonError("The daemon's number of retries is not the one that was set");
     return retries_;
@@ -362,10 +421,17 @@ std::uint32_t ConnectionImpl::retries()
 Heartbeat ConnectionImpl::setHeartbeat(Milliseconds timeout)
 {
     const std::uint32_t value = milliseconds32(timeout, "The heartbeat timeout");
-    const std::lock_guard<TurnLock> turn(turn_);
+    const auto lock = turn();
     channel();
     if (!privileged_)
         throw Error("The heartbeat timeout can be set only on a link that holds a privilege");
+    const Heartbeat now = demandHeartbeat(value);
+    settings_.heartbeat = value;
+    return now;
+}
+
+Heartbeat ConnectionImpl::demandHeartbeat(std::uint32_t value)
+{
     const std::uint32_t before = fetchRegister(Register::heartbeatTimeout);
     Request request(zuIPCPipe::CmdSetHeartbeat);
     request.add(zuIPCPipe::TagHeartbeatTimeout, value).add(zuIPCPipe::TagHeartbeatMargin, std::uint32_t{0});
@@ -383,7 +449,7 @@ Heartbeat ConnectionImpl::setHeartbeat(Milliseconds timeout)
 
 Heartbeat ConnectionImpl::heartbeat()
 {
-    const std::lock_guard<TurnLock> turn(turn_);
+    const auto lock = turn();
     return fetchHeartbeat();
 }
 

@@ -71,7 +71,9 @@ enum class Event {
     connectionLost, ///< the camera does not answer; told again at each failed heartbeat
     controlLost,    ///< the camera answers, but no longer grants control: it restarted, or its heartbeat ran out
     reconnected,    ///< the daemon has taken control again; what else the camera lost is for the application to restore
-    daemonLost,     ///< the daemon is gone; told once, when a command finds out. The connection stays useless
+    daemonLost,     ///< the daemon is gone; told once, when a command finds out. The connection stays useless, unless
+                    ///< it follows the daemon
+    daemonReturned, ///< of a connection that follows: a new daemon holds the camera as the old one did
 };
 ZU_GEV_CLIENT_API const char* toString(Event event);
 
@@ -159,6 +161,18 @@ public:
 
     /// One round trip to the daemon that leaves the camera alone. Throws DaemonLostError, TimeoutError.
     void ping();
+
+    /// From now on the connection comes back after the daemon has been started anew. Each `period` it looks whether its
+    /// daemon is there, so that daemonLost is also told to a program that sends nothing. From then on every operation
+    /// but close throws DaemonLostError at once, with what is waited for; one that is under way ends by its own time.
+    /// When a new daemon is there, what the program had set is set again: bind, setAckTimeout, setRetries,
+    /// setDestination, link, setHeartbeat. While the camera is silent, or still held by the dead daemon's link, that is
+    /// tried again each period. Then daemonReturned is told, and operations work. Registers are for the program, as is
+    /// a command that was under way at the loss. Closing the connection may take longer, by an attempt under way.
+    /// Throws ClosedError.
+    void followDaemon(Milliseconds period = Milliseconds(1000));
+    /// Ends that. A connection that has lost its daemon stays useless until the next followDaemon.
+    void stopFollowing();
 
 private:
     ConnectionImpl& impl() const;

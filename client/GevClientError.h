@@ -33,7 +33,8 @@ public:
     ~NoDaemonError() override;
 };
 
-/// The daemon went away while connected. This connection stays useless; a new one may find a new daemon.
+/// The daemon went away while connected. This connection stays useless, unless it follows the daemon; a new one may
+/// find a new daemon.
 class ZU_GEV_CLIENT_API DaemonLostError : public NoDaemonError {
 public:
     using NoDaemonError::NoDaemonError;

@@ -97,6 +97,13 @@ bool isTaken(std::uint16_t port)
 
 } // namespace
 
+bool portIsFree(std::uint16_t port)
+{
+    int error = 0;
+    const auto socket = zuPlatform::DatagramSocket::open(error);
+    return socket && socket->bind(zuPlatform::loopbackAt(port)) == 0;
+}
+
 bool daemonLives(std::uint16_t port)
 {
     const std::uint64_t deadline =

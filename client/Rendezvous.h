@@ -40,6 +40,9 @@ std::uint16_t publishedPort();
 /// a minute.
 bool daemonLives(std::uint16_t port);
 
+/// Whether no socket of this machine has this port (network byte order), so that no daemon can be there. Takes no time.
+bool portIsFree(std::uint16_t port);
+
 /// Whether a daemon's manager answers at this port (network byte order) within `wait`. It leaves no trace there.
 bool daemonAnswers(std::uint16_t port, Milliseconds wait);
 

@@ -165,6 +165,31 @@ TEST_F(Clients, StopWhileLinkedGivesTheCameraBack)
     EXPECT_EQ(camera.writesTo(gevsim::reg::ccp), std::vector<std::uint32_t>{0});
 }
 
+TEST_F(Clients, KilledDaemonsSuccessorRegainsTheCamera)
+{
+    Events events;
+    Connection connection;
+    connection.setEventHandler(events.handler());
+    connection.followDaemon(milliseconds(50));
+    connection.setDestination(at(camera));
+    ASSERT_TRUE(connection.link(LinkMode::exclusive()));
+    connection.setHeartbeat(seconds(2));
+    camera.clearLog();
+    daemon.process.signal(SIGKILL);
+    ASSERT_TRUE(events.waitFor(Event::daemonLost));
+    EXPECT_THROW(connection.readRegister(gevsim::reg::ccp), DaemonLostError);
+    EXPECT_EQ(camera.readRegister(gevsim::reg::ccp), gevsim::ccpValue::exclusive); // still the dead daemon's
+    ChildProcess successor({builtProgram("zuGevSvc"), "--execute"});
+    ASSERT_TRUE(events.waitFor(Event::daemonReturned)) << successor.output();
+    EXPECT_EQ(connection.readRegister(gevsim::reg::ccp), gevsim::ccpValue::exclusive);
+    EXPECT_EQ(camera.readRegister(gevsim::reg::heartbeatTimeout), 2000u);
+    EXPECT_TRUE(connection.checkLink());
+    connection.close();
+    EXPECT_EQ(camera.readRegister(gevsim::reg::ccp), 0u);
+    successor.signal(SIGTERM);
+    EXPECT_EQ(successor.wait().status, 0) << successor.output();
+}
+
 TEST_F(Clients, InstancesAreDeletedByTheNextClient)
 {
     {

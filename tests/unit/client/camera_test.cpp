@@ -301,4 +301,25 @@ TEST_F(ClientCameraTest, aLossyCameraIsStillRight)
     EXPECT_EQ(camera.readMemory(memoryBase + 1, data.size()), data);
 }
 
+TEST_F(ClientCameraTest, aDaemonThatIsStartedAnewTakesTheCameraAgain)
+{
+    connection->followDaemon(20ms);
+    connection->link(LinkMode::exclusive());
+    connection->setHeartbeat(4s);
+    connection->writeRegister(gevsim::feature::testValue, 7);
+    manager.reset(); // which gives the camera back
+    zuGevDaemon::CollectGarbage();
+    EXPECT_TRUE(waitFor(Event::daemonLost));
+    EXPECT_EQ(camera.readRegister(gevsim::reg::ccp), 0u);
+    EXPECT_THROW(connection->readRegister(gevsim::feature::testValue), DaemonLostError);
+    camera.writeRegister(gevsim::reg::heartbeatTimeout, 3000);
+    manager = std::make_shared<zuIPCPipe::CMgrServer>(&zuGevDaemon::OnClientConnect);
+    ASSERT_TRUE(waitFor(Event::daemonReturned));
+    EXPECT_EQ(camera.readRegister(gevsim::reg::ccp), gevsim::ccpValue::exclusive);
+    EXPECT_EQ(camera.readRegister(gevsim::reg::heartbeatTimeout), 4000u);
+    EXPECT_EQ(connection->readRegister(gevsim::feature::testValue), 7u);
+    EXPECT_TRUE(connection->checkLink());
+    EXPECT_EQ(camera.lastPeer().ip, 0x7F000F02u); // bound as before
+}
+
 } // namespace

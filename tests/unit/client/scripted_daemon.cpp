@@ -88,10 +88,22 @@ ScriptedDaemon::~ScriptedDaemon()
     server_->dropInstances();
 }
 
-void ScriptedDaemon::die() { server_->end(); }
+void ScriptedDaemon::die()
+{
+    successor_.reset();
+    server_->end();
+}
 
 void ScriptedDaemon::restart()
 {
+    {
+        const std::lock_guard<std::mutex> lock(state_->mutex);
+        state_->localIp = 0;
+        state_->localPort = 0;
+        state_->ackTimeout = 300;
+        state_->retries = 3;
+        state_->privilege = 0;
+    }
     successor_ = std::make_shared<CMgrServer>([this](std::shared_ptr<IMsgSrc> source) {
         attach(source);
         const std::lock_guard<std::mutex> lock(state_->mutex);

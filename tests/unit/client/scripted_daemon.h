@@ -49,7 +49,7 @@ public:
     /// Ends the daemon's side as a kill does: without a word to the clients.
     void die();
 
-    /// A new daemon over what the dead one left, with the same answers.
+    /// A new daemon over what the dead one left, with the same answers, its own settings as at first, and that camera.
     void restart();
 
     Server& server() { return *server_; }
