@@ -63,32 +63,34 @@ public:
     Birth& operator=(const Birth&) = delete;
 };
 
-/// The front of the queue, retired; nothing if it is empty, or if a call is inside each of the `candidates` at its
-/// front.
-std::optional<CDevInst*> RetireFront(std::size_t& candidates)
+/// The first of the queue that no call is inside, shut to further ones; nothing if there is none.
+std::optional<CDevInst*> RetireFirst()
 {
     const std::lock_guard lock(bookMutex);
-    for (; candidates > 0 && !GarbageQueue.empty(); --candidates) {
-        CDevInst* const front = GarbageQueue.front();
-        const bool unborn = BirthsUnderWay != 0 && !IsListed(front);
-        if (front == nullptr || (!unborn && front->TryRetire()))
-            return front;
-        GarbageQueue.pop_front();
-        GarbageQueue.push_back(front);
+    for (CDevInst* const instance : GarbageQueue) {
+        const bool unborn = BirthsUnderWay != 0 && !IsListed(instance);
+        if (instance == nullptr || (!unborn && instance->TryRetire()))
+            return instance;
     }
     return std::nullopt;
 }
 
-void RemoveFront(CDevInst* front)
+void RemoveEntry(CDevInst* instance)
 {
     const std::lock_guard lock(bookMutex);
-    GarbageQueue.pop_front();
+    GarbageQueue.erase(std::find(GarbageQueue.begin(), GarbageQueue.end(), instance));
     for (Listed& entry : InstanceList)
-        if (entry.instance == front)
+        if (entry.instance == instance)
             entry.dying = true;
 }
 
-/// One collector at a time, so that the front that was looked at is the one that is removed.
+std::size_t LivingInstances()
+{
+    return static_cast<std::size_t>(
+        std::count_if(InstanceList.begin(), InstanceList.end(), [](const Listed& entry) { return !entry.dying; }));
+}
+
+/// One collector at a time, so that the entry that was looked at is the one that is removed.
 std::mutex collectMutex;
 
 } // namespace
@@ -123,26 +125,24 @@ void RemoveInstance(CDevInst* instance)
 
 void CollectGarbage()
 {
-    std::size_t candidates = GarbageSize();
-    while (candidates > 0) {
-        std::optional<CDevInst*> front;
+    for (;;) {
+        std::optional<CDevInst*> first;
         {
             const std::lock_guard collecting(collectMutex);
-            front = RetireFront(candidates);
-            if (!front)
+            first = RetireFirst();
+            if (!first)
                 return;
-            ZU_LOG(Log(), log_info, "Deleting " << static_cast<const void*>(*front));
-            RemoveFront(*front);
+            ZU_LOG(Log(), log_info, "Deleting " << static_cast<const void*>(*first));
+            RemoveEntry(*first);
         }
-        --candidates;
-        delete *front;
+        delete *first;
     }
 }
 
 std::size_t InstanceCount()
 {
     const std::lock_guard lock(bookMutex);
-    return InstanceList.size();
+    return LivingInstances();
 }
 
 void PrintStatus(std::ostream& out)
@@ -152,7 +152,7 @@ void PrintStatus(std::ostream& out)
     report << ".... Status:\n";
     try {
         const std::lock_guard lock(bookMutex);
-        report << "Instances: " << InstanceList.size() << "\n";
+        report << "Instances: " << LivingInstances() << "\n";
         for (const Listed& entry : InstanceList)
             if (!entry.dying)
                 report << "ID: " << entry.instance->GetId();

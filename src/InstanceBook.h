@@ -19,13 +19,15 @@ void AddToGarbage(CDevInst* instance);
 /// Takes an instance out of the list; absence is no error.
 void RemoveInstance(CDevInst* instance);
 
-/// Deletes all that wait, but for instances that a call is still inside: they wait for the next time.
+/// Deletes all that wait, those too that come to wait meanwhile, but for instances that a call is still inside: they
+/// wait for the next time.
 void CollectGarbage();
 
-/// Number of instances whose destructor hasn't run, those that wait for deletion among them.
+/// Number of instances whose destructor doesn't run yet, those that wait for deletion among them.
 std::size_t InstanceCount();
 
-/// Writes the report of the status key.
+/// Writes the report of the status key. It counts the instances that it lists: one that is just being deleted is not
+/// among them.
 void PrintStatus(std::ostream& out);
 
 } // namespace zuGevDaemon

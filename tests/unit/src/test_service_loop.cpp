@@ -1,7 +1,12 @@
 // The service loop in this process, pass by pass, with keys from a script.
 #include "src/ServiceLoop.h"
 
+#include "GevTLBase/IPCPipe/IPCException.h"
+#include "GevTLBase/IPCPipe/MgrFactory.h"
+#include "nameless_instance.h"
 #include "platform/console_keys.h"
+#include "platform/shared_memory.h"
+#include "src/InstanceBook.h"
 #include "tests/support/log_lines.h"
 #include "tests/unit/IPCPipe/pipe_support.h"
 
@@ -49,6 +54,18 @@ struct Console {
     }
 };
 
+/// What is written to std::cout meanwhile.
+class Printed {
+public:
+    Printed() : previous_(std::cout.rdbuf(text_.rdbuf())) {}
+    ~Printed() { std::cout.rdbuf(previous_); }
+    std::string text() const { return text_.str(); }
+
+private:
+    std::ostringstream text_;
+    std::streambuf* previous_;
+};
+
 constexpr const char* report = ".... Status:\nInstances: 0\n\n";
 
 struct ServiceLoopTest : testing::Test {
@@ -64,13 +81,11 @@ struct ServiceLoopTest : testing::Test {
     {
         TerminateFlag = 0;
         console.type(keys);
-        std::ostringstream out;
-        std::streambuf* const previous = std::cout.rdbuf(out.rdbuf());
+        const Printed out;
         ServiceLoop(false);
-        std::cout.rdbuf(previous);
         EXPECT_TRUE(console.keys.empty()) << keys;
         EXPECT_EQ(TerminateFlag, 1u) << "which stays set";
-        return out.str();
+        return out.text();
     }
 
     OwnNames names;
@@ -168,18 +183,57 @@ TEST_F(ServiceLoopTest, TerminationDuringASleepTakesEffectAtItsEnd)
 TEST_F(ServiceLoopTest, TheServiceNeverReadsAKey)
 {
     console.type("xXsS");
-    std::ostringstream out;
-    std::streambuf* const previous = std::cout.rdbuf(out.rdbuf());
+    const Printed out;
     auto loop = std::async(std::launch::async, [] { ServiceLoop(true); });
     EXPECT_TRUE(log.waitFor("Starting service loop"));
     EXPECT_EQ(loop.wait_for(1200ms), std::future_status::timeout) << "two passes, and the keys have not ended it";
     RequestTermination();
     EXPECT_EQ(loop.wait_for(20s), std::future_status::ready);
     loop.get();
-    std::cout.rdbuf(previous);
     EXPECT_EQ(console.opened, 0u);
     EXPECT_EQ(console.looks.size(), 0u);
     EXPECT_EQ(console.reads, 0u);
     EXPECT_EQ(console.keys.size(), 4u);
-    EXPECT_EQ(out.str(), "");
+    EXPECT_EQ(out.text(), "");
+}
+
+TEST_F(ServiceLoopTest, APipeThatCannotBeBroughtUpEndsItBeforeItHasBegun)
+{
+    RequestTermination(); // a loop that began in spite of it would end
+    zuPlatform::setObjectNamePrefixForTesting("no/such/folder/");
+    EXPECT_THROW(ServiceLoop(true), zuIPCPipe::IPCException);
+    EXPECT_THROW(ServiceLoop(false), zuIPCPipe::IPCException);
+    EXPECT_FALSE(log.contains("Starting service loop"));
+    zuIPCPipe::ResetMgrFactory();
+}
+
+TEST_F(ServiceLoopTest, AReportThatFailsEndsIt)
+{
+    const auto client = connectNameless(log);
+    console.type("sx");
+    {
+        const Printed out;
+        EXPECT_THROW(ServiceLoop(false), std::runtime_error);
+    }
+    EXPECT_EQ(console.keys.size(), 1u);
+    zuIPCPipe::ResetMgrFactory();
+    client->disconnectHandler();
+    CollectGarbage();
+}
+
+TEST_F(ServiceLoopTest, LetsTheManagerGoAndDeletesNoInstance)
+{
+    const auto client = std::make_shared<ScriptedClient>();
+    OnClientConnect(client);
+    client->disconnectHandler();
+    const std::weak_ptr<zuIPCPipe::CMgrFactory<int>> factory = zuIPCPipe::GetMgrFactory();
+    log.clear();
+    RequestTermination();
+    ServiceLoop(true);
+    EXPECT_TRUE(factory.expired());
+    EXPECT_EQ(InstanceCount(), 1u) << "what waits is left to the end of the process";
+    EXPECT_EQ(log.texts("Svc"),
+              (std::vector<std::string>{"Starting service loop", "Service loop terminating, shutdown Mgr"}));
+    CollectGarbage();
+    EXPECT_EQ(InstanceCount(), 0u);
 }
