@@ -3,7 +3,7 @@
 #include "client/Channel.h"
 
 #include "GevTLBase/IPCPipe/IPCException.h"
-#include "platform/thread.h"
+#include "platform/clock.h"
 
 #include <algorithm>
 #include <exception>

@@ -1,7 +1,7 @@
 // The command set. Waits are sized by what the daemon may need for its camera commands, resends included.
 #include "client/ConnectionImpl.h"
 
-#include "platform/thread.h"
+#include "platform/clock.h"
 
 #include <algorithm>
 #include <array>

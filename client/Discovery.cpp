@@ -3,9 +3,9 @@
 #include "client/GevDiscovery.h"
 
 #include "client/Bootstrap.h"
+#include "platform/clock.h"
 #include "platform/network.h"
 #include "platform/socket.h"
-#include "platform/thread.h"
 
 #include <algorithm>
 #include <array>

@@ -5,10 +5,10 @@
 #include "GevTLBase/IPCPipe/Formats.h"
 #include "GevTLBase/IPCPipe/IPCException.h"
 #include "GevTLBase/IPCPipe/SharedObjectView.h"
+#include "platform/clock.h"
 #include "platform/process.h"
 #include "platform/shared_memory.h"
 #include "platform/socket.h"
-#include "platform/thread.h"
 
 #include <algorithm>
 #include <cstring>

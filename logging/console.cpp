@@ -1,6 +1,8 @@
 // The console target. On the thread that logs; the console's mutex comes after the list mutex.
 #include "logging/console.h"
 
+#include "platform/error.h"
+
 #include <algorithm>
 
 #include <boost/thread/lock_guard.hpp>

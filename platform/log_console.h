@@ -40,8 +40,4 @@ std::size_t write(Handle handle, const wchar_t* text, std::size_t size);
 
 } // namespace LogConsole
 
-/// The system's code of the last failure on this thread, and its text; empty if the system has none for it.
-std::uint32_t lastError();
-std::string errorText(std::uint32_t code);
-
 } // namespace zuPlatform

@@ -37,6 +37,9 @@ void setReloadHandler(void (*handler)());
 /// File version of the running program as four 16-bit words, major in bits 63..48. False if it carries none.
 bool executableVersion(std::uint64_t& quad);
 
+/// The four words of such a version in decimal, from major to revision, with dots between them.
+std::string versionText(std::uint64_t quad);
+
 /// The code page in which this process writes narrow text, by its Windows number: 65001 for UTF-8.
 std::uint32_t narrowCodePage();
 

@@ -13,10 +13,20 @@ using ServiceHandle = std::uintptr_t;
 /// The connection over which a service process reports its state; 0 is none.
 using ServiceStatusHandle = std::uintptr_t;
 
+constexpr std::uint32_t serviceOwnProcess = 0x10; ///< the one type of service here
+
+/// States of a service.
+constexpr std::uint32_t serviceStopped = 1;
+constexpr std::uint32_t serviceStartPending = 2;
+constexpr std::uint32_t serviceStopPending = 3;
+constexpr std::uint32_t serviceRunning = 4;
+
+constexpr std::uint32_t serviceAcceptsStopAndShutdown = 5;
+
 /// A service's state, as a service reports it and as a query gives it.
 struct ServiceStatus {
     std::uint32_t type = 0;
-    std::uint32_t state = 0; ///< 1 stopped, 2 start pending, 3 stop pending, 4 running
+    std::uint32_t state = 0; ///< `serviceStopped` to `serviceRunning`
     std::uint32_t controlsAccepted = 0;
     std::uint32_t exitCode = 0;
     std::uint32_t serviceExitCode = 0;

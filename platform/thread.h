@@ -1,4 +1,4 @@
-// Priorities, names and ids of threads, and the clock they sleep by.
+// Priorities, names and ids of threads.
 #pragma once
 
 #include <cstdint>
@@ -26,17 +26,5 @@ std::uint64_t currentThreadId();
 
 /// Gives the processor to another thread that is ready, if there is one.
 void yieldThread();
-
-/// Sleeps for `ms` milliseconds; signals do not cut it short.
-void sleepMs(std::uint32_t ms);
-
-/// As `sleepMs`, for microseconds; about a tenth of a millisecond more where the system's timers are coarse.
-void sleepUs(std::uint32_t us);
-
-/// Milliseconds of a steady clock with an arbitrary start; wraps.
-std::uint32_t tickCount();
-
-/// Nanoseconds of a steady clock with an arbitrary start.
-std::uint64_t steadyNanoseconds();
 
 } // namespace zuPlatform

@@ -85,13 +85,12 @@ RunMode ComputeMode(const options::variables_map& chosen)
 void PrintBanner(std::ostream& out)
 {
     const std::string stars(bannerWidth, '*');
-    const auto word = [](unsigned shift) { return static_cast<std::uint16_t>(VersionQuad >> shift); };
     out << std::endl;
     out << stars << "\n";
     out << std::string(bannerIndent, ' ') << "(c) ORTOLAN. All rights reserved.\n";
     out << stars << "\n\n";
     out << "ORTOLAN GigE Vision Service\n";
-    out << "Version   : \t" << word(48) << "." << word(32) << "." << word(16) << "." << word(0) << "\n";
+    out << "Version   : \t" << zuPlatform::versionText(VersionQuad) << "\n";
     out << "BuildDate : \t" << __DATE__ << "\n\n" << std::flush;
 }
 

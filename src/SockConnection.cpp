@@ -3,7 +3,7 @@
 
 #include "GevTLBase/GevHelper.h"
 #include "logging/log.h"
-#include "platform/thread.h"
+#include "platform/clock.h"
 
 #include <memory>
 #include <system_error>

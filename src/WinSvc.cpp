@@ -3,7 +3,7 @@
 #include "src/WinSvc.h"
 
 #include "logging/log.h"
-#include "platform/thread.h"
+#include "platform/clock.h"
 
 #include <algorithm>
 #include <array>
@@ -19,15 +19,8 @@ constexpr std::uint32_t managerAllAccess = 0xF003F;
 constexpr std::uint32_t serviceAllAccess = 0xF01FF;
 constexpr std::uint32_t serviceDeleteAccess = 0x10000;
 constexpr std::uint32_t serviceStopAccess = 0x2C; // query status, enumerate dependents, stop
-constexpr std::uint32_t ownProcess = 0x10;
 constexpr std::uint32_t automaticStart = 2;
 constexpr std::uint32_t normalErrorControl = 1;
-constexpr std::uint32_t acceptStopAndShutdown = 5;
-
-constexpr std::uint32_t stopped = 1;
-constexpr std::uint32_t startPending = 2;
-constexpr std::uint32_t stopPending = 3;
-constexpr std::uint32_t running = 4;
 
 constexpr std::uint32_t minimumStartPollMs = 1000;
 constexpr std::uint32_t maximumStartPollMs = 10000;
@@ -97,8 +90,9 @@ void CWinSvc::Install(const char* commandLine)
         path = directory.substr(std::min(directoryOffset, directory.size())) + path.substr(volume.size());
     }
 
-    const zuPlatform::ServiceHandle service = zuPlatform::createService(
-        manager, serviceName, displayName, serviceAllAccess, ownProcess, automaticStart, normalErrorControl, path);
+    const zuPlatform::ServiceHandle service =
+        zuPlatform::createService(manager, serviceName, displayName, serviceAllAccess, zuPlatform::serviceOwnProcess,
+                                  automaticStart, normalErrorControl, path);
     if (service == 0) {
         if (verbose)
             std::cout << "Install service failed " << std::endl;
@@ -149,7 +143,7 @@ void CWinSvc::Start()
     }
     std::uint32_t progressStart = zuPlatform::tickCount();
     std::uint32_t checkpoint = status.checkpoint;
-    while (status.state == startPending) {
+    while (status.state == zuPlatform::serviceStartPending) {
         zuPlatform::sleepMs(std::clamp(status.waitHint / 10, minimumStartPollMs, maximumStartPollMs));
         zuPlatform::ServiceStatus next;
         if (!zuPlatform::queryServiceStatus(service, next))
@@ -164,7 +158,7 @@ void CWinSvc::Start()
     }
     zuPlatform::closeServiceHandle(service);
 
-    if (status.state != running)
+    if (status.state != zuPlatform::serviceRunning)
         throw WinServiceException("Service not running");
     if (verbose)
         std::cout << "StartService SUCCESS.\n" << std::flush;
@@ -195,12 +189,12 @@ void CWinSvc::Stop()
 
     const std::uint32_t start = zuPlatform::tickCount();
     query();
-    if (status.state == stopped)
+    if (status.state == zuPlatform::serviceStopped)
         return;
-    while (status.state == stopPending) {
+    while (status.state == zuPlatform::serviceStopPending) {
         zuPlatform::sleepMs(status.waitHint);
         query();
-        if (status.state == stopped)
+        if (status.state == zuPlatform::serviceStopped)
             return;
         if (millisecondsSince(start) > stopDeadlineMs)
             fail("Timeout");
@@ -208,11 +202,11 @@ void CWinSvc::Stop()
 
     if (!zuPlatform::controlService(service, zuPlatform::serviceControlStop, status))
         fail("ControlService(SERVICE_CONTROL_STOP) failed");
-    while (status.state != stopped) {
+    while (status.state != zuPlatform::serviceStopped) {
         zuPlatform::sleepMs(status.waitHint);
         if (!zuPlatform::queryServiceStatus(service, status))
             fail("QueryServiceStatusEx failed");
-        if (status.state != stopped && millisecondsSince(start) > stopDeadlineMs)
+        if (status.state != zuPlatform::serviceStopped && millisecondsSince(start) > stopDeadlineMs)
             fail("Timeout");
     }
     zuPlatform::closeServiceHandle(service);
@@ -237,28 +231,28 @@ void CWinSvc::ServiceMain(std::uint32_t, char**)
 
     const zuLogging::logstate log = zuLogging::get_logstate("Svc");
     ZU_LOG(log, zuLogging::log_info, "Service loop starting");
-    SetStatus(running);
+    SetStatus(zuPlatform::serviceRunning);
     runCallback();
     ZU_LOG(log, zuLogging::log_info, "Service loop terminated");
-    SetStatus(stopped);
+    SetStatus(zuPlatform::serviceStopped);
 }
 
 void CWinSvc::ControlHandler(std::uint32_t control)
 {
     if (control == zuPlatform::serviceControlStop || control == zuPlatform::serviceControlShutdown) {
-        SetStatus(stopPending);
+        SetStatus(zuPlatform::serviceStopPending);
         stopCallback();
     } else {
-        SetStatus(running);
+        SetStatus(zuPlatform::serviceRunning);
     }
 }
 
 void CWinSvc::SetStatus(std::uint32_t state)
 {
     zuPlatform::ServiceStatus status;
-    status.type = ownProcess;
+    status.type = zuPlatform::serviceOwnProcess;
     status.state = state;
-    status.controlsAccepted = state == startPending ? 0 : acceptStopAndShutdown;
+    status.controlsAccepted = state == zuPlatform::serviceStartPending ? 0 : zuPlatform::serviceAcceptsStopAndShutdown;
     if (!zuPlatform::setServiceStatus(statusHandle, status)) {
         if (verbose)
             std::cout << "SerServiceStatus failed" << std::endl;

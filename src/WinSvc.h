@@ -45,7 +45,7 @@ public:
     /// Serves as the service: `run` is its body, `stop` is called when it is to end. Blocks until it has ended.
     void Run(boost::function<void()> run, boost::function<void()> stop);
 
-    /// Reports one of the states of `zuPlatform::ServiceStatus`.
+    /// Reports a state, one from `zuPlatform::serviceStopped` to `serviceRunning`.
     void SetStatus(std::uint32_t state);
 
     /// Body of the service, on the thread that the dispatcher makes. The arguments are of no use to it.

@@ -1,5 +1,6 @@
 // The receiver: its queues, and its thread, which runs the engine. `stateMutex_` guards the engine and is held for a
 // batch; `queueMutex_`, a leaf within it, guards the queues, the places of buffers and the published statistics.
+#include "platform/clock.h"
 #include "platform/thread.h"
 #include "platform/wake.h"
 #include "stream/Engine.h"

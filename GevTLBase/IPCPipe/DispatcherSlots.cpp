@@ -4,7 +4,7 @@
 
 #include "GevTLBase/IPCPipe/IPCException.h"
 #include "logging/log.h"
-#include "platform/thread.h"
+#include "platform/clock.h"
 
 #include <algorithm>
 #include <system_error>

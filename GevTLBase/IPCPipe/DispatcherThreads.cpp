@@ -5,6 +5,7 @@
 #include "GevTLBase/IPCPipe/IPCException.h"
 #include "GevTLBase/IPCPipe/Instance.h"
 #include "logging/log.h"
+#include "platform/clock.h"
 #include "platform/process.h"
 #include "platform/thread.h"
 

@@ -252,12 +252,4 @@ std::size_t write(Handle handle, const wchar_t* text, std::size_t size)
 
 } // namespace LogConsole
 
-std::uint32_t lastError() { return static_cast<std::uint32_t>(errno); }
-
-std::string errorText(std::uint32_t code)
-{
-    const char* const text = ::strerrordesc_np(static_cast<int>(code));
-    return text ? text : "";
-}
-
 } // namespace zuPlatform

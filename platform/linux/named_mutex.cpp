@@ -2,8 +2,8 @@
 // owner frees it; the file's content tells whether the last owner let go himself. Each handle is used by one thread.
 #include "platform/named_mutex.h"
 
+#include "platform/clock.h"
 #include "platform/linux/object_name.h"
-#include "platform/thread.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

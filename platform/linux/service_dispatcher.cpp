@@ -21,11 +21,6 @@ namespace {
 
 constexpr ServiceStatusHandle ownStatusHandle = 1;
 
-// The states of a service.
-constexpr std::uint32_t stopped = 1;
-constexpr std::uint32_t stopPending = 3;
-constexpr std::uint32_t running = 4;
-
 std::atomic<bool> stopRequested{false};
 std::atomic<bool> reloadRequested{false};
 std::atomic<int> wakeDescriptor{-1}; // made once and never closed: a late signal may still write to it
@@ -146,13 +141,13 @@ bool setServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status)
     }
     bool told = true;
     switch (status.state) {
-    case running:
+    case serviceRunning:
         told = notifyServiceReady("Running");
         break;
-    case stopPending:
+    case serviceStopPending:
         told = notifyServiceStopping("Stopping");
         break;
-    case stopped:
+    case serviceStopped:
         told = notifyServiceStopping("Stopped");
         break;
     default: // starting: that is what the manager takes it for until it is told otherwise

@@ -2,12 +2,12 @@
 // turns.
 #include "platform/service_manager.h"
 
+#include "platform/clock.h"
 #include "platform/linux/service_bus.h"
 #include "platform/linux/service_error.h"
 #include "platform/linux/service_register.h"
 #include "platform/linux/service_state.h"
 #include "platform/service_notify.h"
-#include "platform/thread.h"
 
 #include <cerrno>
 #include <map>

@@ -4,13 +4,6 @@ namespace zuPlatform {
 
 namespace {
 
-constexpr std::uint32_t ownProcess = 0x10;
-constexpr std::uint32_t stopped = 1;
-constexpr std::uint32_t startPending = 2;
-constexpr std::uint32_t stopPending = 3;
-constexpr std::uint32_t running = 4;
-constexpr std::uint32_t acceptStopAndShutdown = 5;
-
 // A start is polled at a tenth of its hint, a stop at the hint itself.
 constexpr std::uint32_t startHintMs = 10000;
 constexpr std::uint32_t stopHintMs = 100;
@@ -30,12 +23,12 @@ std::uint32_t startPhase(const std::string& subState)
 std::uint32_t stateOf(const std::string& activeState, const std::string& jobType)
 {
     if (activeState == "deactivating")
-        return stopPending;
+        return serviceStopPending;
     if (activeState == "activating")
-        return jobType == "stop" ? stopPending : startPending;
+        return jobType == "stop" ? serviceStopPending : serviceStartPending;
     if (activeState == "active" || activeState == "reloading" || activeState == "refreshing")
-        return jobType == "stop" ? stopPending : running;
-    return jobType == "start" || jobType == "restart" ? startPending : stopped;
+        return jobType == "stop" ? serviceStopPending : serviceRunning;
+    return jobType == "start" || jobType == "restart" ? serviceStartPending : serviceStopped;
 }
 
 } // namespace
@@ -44,21 +37,21 @@ ServiceStatus serviceStatusOfUnit(const std::string& activeState, const std::str
                                   const std::string& jobType)
 {
     ServiceStatus status;
-    status.type = ownProcess;
+    status.type = serviceOwnProcess;
     status.state = stateOf(activeState, jobType);
     switch (status.state) {
-    case startPending:
+    case serviceStartPending:
         status.checkpoint = startPhase(subState);
         status.waitHint = startHintMs;
         break;
-    case stopPending:
+    case serviceStopPending:
         status.checkpoint = 1;
         status.waitHint = stopHintMs;
         break;
-    case running:
+    case serviceRunning:
         // Whoever waits for its end although no stop is queued polls no faster.
         status.waitHint = stopHintMs;
-        status.controlsAccepted = acceptStopAndShutdown;
+        status.controlsAccepted = serviceAcceptsStopAndShutdown;
         break;
     default:
         break;

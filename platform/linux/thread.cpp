@@ -1,4 +1,4 @@
-// Priorities, names, ids and sleep of threads. Any thread may call.
+// Priorities, names and ids of threads. Any thread may call.
 #include "platform/thread.h"
 
 #include "platform/linux/priority.h"
@@ -6,10 +6,8 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/resource.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 
 namespace zuPlatform {
@@ -20,21 +18,6 @@ thread_local bool priorityChosen = false;
 
 // With id 0 the call reaches the calling thread only.
 bool setOwnNice(int level) { return ::setpriority(PRIO_PROCESS, 0, level) == 0; }
-
-void sleepNs(std::uint64_t ns)
-{
-    constexpr long second = 1000000000;
-    timespec end{};
-    ::clock_gettime(CLOCK_MONOTONIC, &end);
-    end.tv_sec += static_cast<time_t>(ns / second);
-    end.tv_nsec += static_cast<long>(ns % second);
-    if (end.tv_nsec >= second) {
-        ++end.tv_sec;
-        end.tv_nsec -= second;
-    }
-    while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
-    }
-}
 
 } // namespace
 
@@ -69,17 +52,5 @@ void nameCurrentThread(const char* name)
 std::uint64_t currentThreadId() { return static_cast<std::uint64_t>(::gettid()); }
 
 void yieldThread() { ::sched_yield(); }
-
-void sleepMs(std::uint32_t ms) { sleepNs(std::uint64_t{ms} * 1000000); }
-void sleepUs(std::uint32_t us) { sleepNs(std::uint64_t{us} * 1000); }
-
-std::uint64_t steadyNanoseconds()
-{
-    timespec now{};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<std::uint64_t>(now.tv_sec) * 1000000000u + static_cast<std::uint64_t>(now.tv_nsec);
-}
-
-std::uint32_t tickCount() { return static_cast<std::uint32_t>(steadyNanoseconds() / 1000000u); }
 
 } // namespace zuPlatform

@@ -10,4 +10,12 @@ bool executableVersion(std::uint64_t& quad)
     return true;
 }
 
+std::string versionText(std::uint64_t quad)
+{
+    std::string text;
+    for (int shift = 48; shift >= 0; shift -= 16)
+        text += std::to_string(quad >> shift & 0xFFFF) + (shift > 0 ? "." : "");
+    return text;
+}
+
 } // namespace zuPlatform

@@ -1,6 +1,5 @@
 // Diagnostic text as the system log gets it; a socket of the test's own stands for the log.
 #include "platform/debug_channel.h"
-#include "platform/thread.h"
 #include "tests/contract/contract_support.h"
 #include "tests/support/files.h"
 #include "tests/support/local_inbox.h"

@@ -1,5 +1,7 @@
 // The console for log lines, on a terminal of the test's own and without one.
 #include "platform/log_console.h"
+
+#include "platform/error.h"
 #include "tests/contract/contract_support.h"
 
 #include <cerrno>

@@ -144,9 +144,9 @@ TEST(Process, TellsTheVersionOfTheBuild)
 {
     std::uint64_t quad = 0;
     ASSERT_TRUE(executableVersion(quad));
-    std::ostringstream text;
-    text << (quad >> 48) << '.' << (quad >> 32 & 0xFFFF) << '.' << (quad >> 16 & 0xFFFF) << '.' << (quad & 0xFFFF);
-    EXPECT_EQ(text.str(), ZU_VERSION);
+    EXPECT_EQ(versionText(quad), ZU_VERSION);
+    EXPECT_EQ(versionText(0), "0.0.0.0");
+    EXPECT_EQ(versionText(0xFFFF001203450006), "65535.18.837.6");
 }
 
 TEST(Process, WritesUtf8) { EXPECT_EQ(narrowCodePage(), 65001u); }

@@ -1,4 +1,5 @@
 // Sockets for streams: batches of datagrams, the wait for them, drops, buffers granted, groups, peers.
+#include "platform/clock.h"
 #include "platform/datagram_batch.h"
 #include "platform/socket.h"
 #include "platform/thread.h"

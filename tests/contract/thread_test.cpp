@@ -1,4 +1,5 @@
 // Names and ids of threads, their sleep, and the clock.
+#include "platform/clock.h"
 #include "platform/thread.h"
 #include "tests/contract/contract_support.h"
 

@@ -1,5 +1,5 @@
 // What a word to wait on promises on every system.
-#include "platform/thread.h"
+#include "platform/clock.h"
 #include "platform/wake.h"
 
 #include <gtest/gtest.h>

@@ -1,10 +1,8 @@
 #include "tests/support/fake_service_clock.h"
 
-#include "platform/thread.h"
+#include "platform/clock.h"
 
-#include <functional>
 #include <mutex>
-#include <thread>
 
 namespace {
 
@@ -62,12 +60,5 @@ void sleepMs(std::uint32_t ms)
 
 std::uint32_t tickCount() { return zuTest::FakeClock::now(); }
 std::uint64_t steadyNanoseconds() { return std::uint64_t{zuTest::FakeClock::now()} * 1000000; }
-
-// The rest of the service, as a system that refuses priorities.
-bool setCurrentThreadPriority(ThreadPriority) { return false; }
-bool setHighestPriority(boost::thread::native_handle_type) { return false; }
-void nameCurrentThread(const char*) {}
-std::uint64_t currentThreadId() { return std::hash<std::thread::id>()(std::this_thread::get_id()); }
-void yieldThread() { std::this_thread::yield(); }
 
 } // namespace zuPlatform

@@ -1,4 +1,4 @@
-// A scripted clock in the place of the platform's threads: a sleep ends at once and advances it. Any thread may call.
+// A scripted clock in the place of the platform's: a sleep ends at once and advances it. Any thread may call.
 #pragma once
 
 #include <cstdint>

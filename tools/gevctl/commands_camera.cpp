@@ -3,7 +3,7 @@
 #include "tools/gevctl/discovery.h"
 #include "tools/gevctl/numbers.h"
 
-#include "platform/thread.h"
+#include "platform/clock.h"
 
 #include <chrono>
 #include <condition_variable>

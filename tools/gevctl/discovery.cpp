@@ -1,9 +1,9 @@
 // Discovery: one socket for each interface, asked twice in the time given, since datagrams get lost.
 #include "tools/gevctl/discovery.h"
 
+#include "platform/clock.h"
 #include "platform/network.h"
 #include "platform/socket.h"
-#include "platform/thread.h"
 
 #include <algorithm>
 #include <memory>

@@ -1,7 +1,7 @@
 // Draws the progress bar.
 #include "tools/gevctl/progress.h"
 
-#include "platform/thread.h"
+#include "platform/clock.h"
 
 #include <algorithm>
 #include <array>

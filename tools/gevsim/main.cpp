@@ -4,8 +4,8 @@
 #include "tools/gevsim/script.h"
 #include "tools/gevsim/session.h"
 
+#include "platform/clock.h"
 #include "platform/process.h"
-#include "platform/thread.h"
 
 #include <atomic>
 #include <cstdio>

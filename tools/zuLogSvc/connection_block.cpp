@@ -1,7 +1,7 @@
 // Publication of the log service. Each object is used by one thread.
 #include "tools/zuLogSvc/connection_block.h"
 
-#include "platform/log_console.h"
+#include "platform/error.h"
 #include "tools/zuLogSvc/protocol.h"
 
 #include <atomic>

@@ -1,8 +1,8 @@
 // The viewer's side of following.
 #include "tools/zuLogSvc/follow_client.h"
 
-#include "platform/log_console.h"
-#include "platform/thread.h"
+#include "platform/clock.h"
+#include "platform/error.h"
 #include "tools/zuLogSvc/packet_encoder.h"
 #include "tools/zuLogSvc/protocol.h"
 

@@ -1,8 +1,8 @@
 // Entry of the log service and its viewer. The main thread watches for signals while other threads work.
+#include "platform/clock.h"
 #include "platform/process.h"
 #include "platform/service_notify.h"
 #include "platform/shared_memory.h"
-#include "platform/thread.h"
 #include "tools/zuLogSvc/connection_block.h"
 #include "tools/zuLogSvc/follow_client.h"
 #include "tools/zuLogSvc/options.h"

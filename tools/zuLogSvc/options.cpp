@@ -58,8 +58,7 @@ std::string versionText()
     std::uint64_t version = 0;
     if (!zuPlatform::executableVersion(version))
         return "unknown";
-    return std::to_string(version >> 48) + "." + std::to_string((version >> 32) & 0xFFFF) + "." +
-           std::to_string((version >> 16) & 0xFFFF) + "." + std::to_string(version & 0xFFFF);
+    return zuPlatform::versionText(version);
 }
 
 std::variant<Options, int> parseOptions(int argc, char** argv)

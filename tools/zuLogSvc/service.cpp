@@ -1,7 +1,8 @@
 // Service loop and its threads.
 #include "tools/zuLogSvc/service.h"
 
-#include "platform/log_console.h"
+#include "platform/clock.h"
+#include "platform/error.h"
 #include "platform/thread.h"
 #include "tools/zuLogSvc/packet_encoder.h"
 #include "tools/zuLogSvc/protocol.h"

@@ -1,7 +1,7 @@
 // Time stamps by the proleptic Gregorian calendar, and the system's clocks. Any thread.
 #include "tools/zuLogSvc/timestamp.h"
 
-#include "platform/thread.h"
+#include "platform/clock.h"
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 

@@ -34,12 +34,6 @@ void nameCurrentThread(const char* name)
 }
 std::uint64_t currentThreadId() { return std::hash<std::thread::id>()(std::this_thread::get_id()); }
 void yieldThread() { std::this_thread::yield(); }
-void sleepMs(std::uint32_t ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-std::uint32_t tickCount() { return static_cast<std::uint32_t>(steadyNanoseconds() / 1000000); }
-std::uint64_t steadyNanoseconds()
-{
-    return static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
-}
 
 } // namespace zuPlatform
 

@@ -1,5 +1,7 @@
 #include "tests/unit/logging/fake_console.h"
 
+#include "platform/error.h"
+
 #include <algorithm>
 
 namespace zuTest::FakeConsole {
@@ -46,7 +48,7 @@ namespace LogConsole {
 
 bool hasWindow() { return state().window; }
 bool isWindow() { return state().windowIsOne; }
-Handle outputHandle() { return state().window ? theHandle : 0; }
+Handle outputHandle() { return state().window ? theHandle : state().elsewhere; }
 
 bool allocate()
 {
@@ -77,6 +79,7 @@ bool getInfo(Handle handle, Info& info)
 bool setBufferSize(Handle, std::uint16_t width, std::uint16_t height)
 {
     note("setBufferSize " + std::to_string(width) + ' ' + std::to_string(height));
+    state().info = state().infoWhenSized.value_or(state().info);
     return true;
 }
 

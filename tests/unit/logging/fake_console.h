@@ -4,6 +4,7 @@
 #include "platform/log_console.h"
 
 #include <deque>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,8 @@ struct State {
     std::uint32_t error = 0; ///< `lastError`
     std::string errorWords;  ///< `errorText` of any code
     zuPlatform::LogConsole::Info info;
+    std::optional<zuPlatform::LogConsole::Info> infoWhenSized; ///< what `setBufferSize` makes of it
+    zuPlatform::LogConsole::Handle elsewhere = 0;              ///< `outputHandle` without a console
     std::deque<std::size_t> takes; ///< how many characters the next writes take; all once it is empty
 
     std::vector<std::string> calls; ///< "allocate", "setAttribute 15", "write text", ...

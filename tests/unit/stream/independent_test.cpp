@@ -1,7 +1,7 @@
 // Independent implementations: a protocol analyser (tshark) reads what the tests' encoder sends as it is meant, and so
 // do our requests; and an independent camera (arv-fake-gv-camera-0.8) sends to the receiver.
+#include "platform/clock.h"
 #include "platform/socket.h"
-#include "platform/thread.h"
 #include "stream/Stream.h"
 #include "stream/gvsp.h"
 #include "tests/support/child_process.h"

@@ -1,4 +1,5 @@
 // The receiver whole, over loopback: its thread, queues and waits; losses; groups; its end.
+#include "platform/clock.h"
 #include "platform/thread.h"
 #include "stream/Stream.h"
 #include "tests/support/gvsp_camera.h"

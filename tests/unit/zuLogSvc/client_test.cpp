@@ -4,6 +4,7 @@
 #include "logging/config.h"
 #include "logging/log.h"
 #include "logging/logtarget.h"
+#include "platform/clock.h"
 #include "platform/process.h"
 #include "platform/shared_memory.h"
 #include "platform/thread.h"

@@ -1,7 +1,7 @@
 #include "tests/unit/zuLogSvc/support.h"
 
+#include "platform/clock.h"
 #include "platform/process.h"
-#include "platform/thread.h"
 #include "tools/zuLogSvc/protocol.h"
 
 #include <algorithm>
