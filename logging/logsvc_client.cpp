@@ -8,7 +8,7 @@
 #include "platform/socket_library.h"
 #include "platform/text.h"
 
-#include <algorithm>
+#include <string_view>
 
 #include <boost/filesystem/exception.hpp>
 #include <boost/filesystem/path.hpp>
@@ -66,20 +66,36 @@ ipc::mapped_region map_block()
     }
 }
 
-/// The stem of the executable's file name. A name that is not UTF-8 is a `base2::character_conversion_error`.
+/// The bytes of the character that a non-empty text begins with. A byte that begins none is a character by itself.
+std::size_t first_character(std::string_view text)
+{
+    const auto lead = static_cast<unsigned char>(text.front());
+    const std::size_t size = lead < 0xC0 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : lead < 0xF8 ? 4 : 1;
+    for (std::size_t i = 1; i < size; ++i) {
+        if (i >= text.size() || (static_cast<unsigned char>(text[i]) & 0xC0) != 0x80)
+            return 1;
+    }
+    return size;
+}
+
+/// The stem of the executable's file name. One that is not UTF-8 is a `base2::character_conversion_error`; what the
+/// folders are called is all the same.
 std::string process_name()
 {
     const std::string path = zuPlatform::executablePath();
     if (path.empty())
         throw LogSvcError("Could not obtain the current executable path");
+    std::string_view rest = path;
+    for (std::size_t i = 0; i < path_capacity && !rest.empty(); ++i)
+        rest.remove_prefix(first_character(rest));
+    std::string stem;
     try {
-        std::wstring wide = zuPlatform::utf8ToWide(path.data(), path.data() + path.size());
-        wide.resize(std::min(wide.size(), path_capacity));
-        const std::string cut = zuPlatform::wideToUtf8(wide.data(), wide.data() + wide.size());
-        return boost::filesystem::path(cut).stem().string();
+        stem = boost::filesystem::path(path.substr(0, path.size() - rest.size())).stem().string();
     } catch (const boost::filesystem::filesystem_error&) {
         throw LogSvcError("Failed to extract process name from the executable path");
     }
+    const std::wstring wide = zuPlatform::utf8ToWide(stem.data(), stem.data() + stem.size());
+    return zuPlatform::wideToUtf8(wide.data(), wide.data() + wide.size());
 }
 
 std::string serialise(const boost::property_tree::ptree& tree)

@@ -93,6 +93,19 @@ TEST_F(Console, ASmallScreenLimitsTheWindow)
     EXPECT_EQ(takeCalls().at(2), "setWindow 0 0 39 9");
 }
 
+TEST_F(Console, TheWindowIsSetByWhatTheSizedBufferAllows)
+{
+    fake.info.maxWidth = 120;
+    fake.info.maxHeight = 60;
+    fake.infoWhenSized.emplace();
+    fake.infoWhenSized->maxWidth = 70;
+    fake.infoWhenSized->maxHeight = 20;
+    fake.infoWhenSized->left = 5;
+    fake.infoWhenSized->top = 6;
+    make_console();
+    EXPECT_EQ(takeCalls().at(2), "setWindow 5 6 69 19");
+}
+
 TEST_F(Console, WithoutInfoItIsNotSized)
 {
     fake.hasInfo = false;
@@ -114,6 +127,29 @@ TEST_F(Console, TheParentsIsTheSecondChoice)
     const auto console = make_console();
     EXPECT_TRUE(console->owned);
     EXPECT_THAT(takeCalls(), ElementsAre("allocate", "attachToParent", "minimise"));
+}
+
+TEST_F(Console, TextGoesToTheParentsConsoleAndNotToWhereItWentBefore)
+{
+    fake.canAllocate = false;
+    fake.elsewhere = 5;
+    Target target(make_console());
+    fake.window = false; // so that it is attached to anew
+    takeCalls();
+    write(target, message("Console", log_info), std::string("text"));
+    EXPECT_THAT(takeCalls(), ElementsAre("allocate", "attachToParent", "setAttribute 15", "write text",
+                                         "setAttribute 7", "write \n"));
+}
+
+TEST_F(Console, TextGoesToTheAllocatedConsoleAndNotToWhereItWentBefore)
+{
+    fake.elsewhere = 5;
+    fake.hasInfo = false;
+    Target target(make_console());
+    fake.window = false;
+    takeCalls();
+    write(target, message("Console", log_info), std::string("text"));
+    EXPECT_THAT(takeCalls(), ElementsAre("allocate", "setAttribute 15", "write text", "setAttribute 7", "write \n"));
 }
 
 TEST_F(Console, WithNoneAtAllTheTextIsLost)
@@ -140,6 +176,27 @@ TEST_F(Console, AClosedOneIsAllocatedAnewAtTheNextMessage)
     EXPECT_EQ(calls.at(0), "allocate");
     EXPECT_THAT(calls, testing::Contains("write two"));
     EXPECT_THAT(calls, testing::Not(testing::Contains("minimise")));
+}
+
+TEST_F(Console, AClosedOneThatWasAllocatedHereIsAllocatedAnewToo)
+{
+    fake.info.maxWidth = fake.info.maxHeight = 30;
+    auto console = make_console();
+    ASSERT_TRUE(console->owned);
+    {
+        Target target(console);
+        fake.window = false; // closed by its user
+        takeCalls();
+        write(target, message("Console", log_info), std::string("two"));
+        EXPECT_THAT(takeCalls(), ElementsAre("allocate", "setBufferSize 80 9000", "setWindow 0 0 29 24",
+                                             "setAttribute 15", "write two", "setAttribute 7", "write \n"))
+            << "and is not minimised";
+        write(target, message("Console", log_info), std::string("three"));
+        EXPECT_THAT(takeCalls(), ElementsAre("setAttribute 15", "write three", "setAttribute 7", "write \n"));
+    }
+    EXPECT_TRUE(console->owned);
+    console.reset();
+    EXPECT_THAT(takeCalls(), ElementsAre("release"));
 }
 
 TEST_F(Console, WritingGoesOnUntilAllIsOut)

@@ -30,7 +30,9 @@ using FakeSockets::Call;
 using zuPlatform::SendResult;
 
 const zuPlatform::SocketAddress service{zuPlatform::hostToNetwork32(0x7F000B01), zuPlatform::hostToNetwork16(4000)};
+// The service's address with another port, and its port with another address.
 const zuPlatform::SocketAddress stranger{zuPlatform::hostToNetwork32(0x7F000B01), zuPlatform::hostToNetwork16(4001)};
+const zuPlatform::SocketAddress namesake{zuPlatform::hostToNetwork32(0x7F000B02), zuPlatform::hostToNetwork16(4000)};
 
 constexpr const char* noAnswer = "Log client command execution failure when communicating with the server.";
 
@@ -187,6 +189,25 @@ TEST_F(Client, AProcessNameThatIsNotUtf8IsTheCallersTrouble)
     FakeSharedMemory::reset();
 }
 
+TEST_F(Client, OnlyTheStemHasToBeUtf8)
+{
+    answerWith("{\"destination\":\"none\",\"level\":\"all\"}");
+    FakeProcess::setExecutablePath("/usr/\xFF\xC3/\xE4/\x80/b\xC3\xA4r.bin");
+    LogSvcClient(service).get_config("M", Tree());
+    EXPECT_EQ(payloadOf(FakeSockets::sent().back().data), "{\"module\":\"M\",\"process\":\"b\xC3\xA4r\"}\n");
+}
+
+TEST_F(Client, AFolderThatIsNotUtf8HoldsNoConfigurationUp)
+{
+    ZU_IN_FRESH_PROCESS({
+        answerWith("{\"destination\":\"none\",\"level\":\"info\"}");
+        FakeSharedMemory::put("Global\\zuLogSvcConnectionInfo", connectionBlock(0x7F000B01, 4000, 0x7F000B01, 4001));
+        FakeProcess::setExecutablePath("/home/b\xE4r/program");
+        EXPECT_TRUE(configure_logging("M", "", Tree()));
+        EXPECT_EQ(root_logstate("").levels(), 0x0Fu);
+    });
+}
+
 TEST_F(Client, ALongExecutablePathIsCutUnnoticed)
 {
     answerWith("{}");
@@ -195,7 +216,11 @@ TEST_F(Client, ALongExecutablePathIsCutUnnoticed)
     LogSvcClient(service).get_config("M", Tree());
     EXPECT_EQ(payloadOf(FakeSockets::sent().back().data),
               "{\"module\":\"M\",\"process\":\"" + std::string(260, 'f') + "\"}\n");
-    // Characters count, not bytes.
+    // Characters count, not bytes; a byte that belongs to none counts as one.
+    FakeProcess::setExecutablePath("/\xFF\xC3/\xE2\x82\xAC\xF0\x9F\x98\x80/" + folder);
+    LogSvcClient(service).get_config("M", Tree());
+    EXPECT_EQ(payloadOf(FakeSockets::sent().back().data),
+              "{\"module\":\"M\",\"process\":\"" + std::string(261 - 7, 'f') + "\"}\n");
     std::string wide;
     for (int i = 0; i < 300; ++i)
         wide += "\xC3\xA4";
@@ -333,12 +358,16 @@ TEST_F(Client, AFailedSendIsAnAttempt)
 
 TEST_F(Client, AStrangersDatagramEndsTheAttempt)
 {
-    FakeSockets::onSend([](const SentDatagram& request) {
-        FakeSockets::pushDatagram(acknowledgeOf(request.data, "{}"), stranger);
-        return SendResult{static_cast<std::ptrdiff_t>(request.data.size()), 0};
-    });
-    EXPECT_EQ(configFailure(), noAnswer);
-    EXPECT_THAT(FakeSockets::sent(), SizeIs(2));
+    for (const auto& from : {stranger, namesake}) {
+        FakeSockets::reset();
+        FakeSockets::setInstantTimeouts(true);
+        FakeSockets::onSend([from](const SentDatagram& request) {
+            FakeSockets::pushDatagram(acknowledgeOf(request.data, "{}"), from);
+            return SendResult{static_cast<std::ptrdiff_t>(request.data.size()), 0};
+        });
+        EXPECT_EQ(configFailure(), noAnswer);
+        EXPECT_THAT(FakeSockets::sent(), SizeIs(2));
+    }
 }
 
 TEST_F(Client, AFailedReceiveEndsTheAttempt)
