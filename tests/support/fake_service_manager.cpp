@@ -49,6 +49,8 @@ std::string hex(std::uint32_t value)
 bool refuses(const std::string& name, const std::string& arguments)
 {
     manager->state().note(name + "(" + arguments + ")");
+    if (manager->onCall)
+        manager->onCall(name);
     return manager->refused == name;
 }
 

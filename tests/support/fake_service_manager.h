@@ -27,6 +27,8 @@ public:
 
     std::string refused;     ///< the one call that fails, such as "OpenService"
     std::uint32_t error = 5; ///< with this code
+    /// Called by each call with its name, such as "OpenService", before it answers; what it throws goes to the caller.
+    std::function<void(const std::string& name)> onCall;
     /// Answers of the queries in their order, none for a refusal. The last one repeats.
     std::vector<std::optional<zuPlatform::ServiceStatus>> statuses;
     zuPlatform::ServiceStatus statusAfterControl; ///< what the control call fills in

@@ -1,12 +1,15 @@
-// The modes that hold the machine's one place, over a scripted mutex: what they log, print, take and give back.
+// The modes over a scripted service manager and a scripted mutex: what they log, print, take and give back.
+#include "platform/console_keys.h"
 #include "platform/named_mutex.h"
 #include "platform/shared_memory.h"
 #include "src/Modes.h"
 #include "src/ServiceLoop.h"
+#include "tests/support/fake_service_manager.h"
 #include "tests/support/recording_target.h"
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 #include <sstream>
@@ -27,6 +30,8 @@ struct Script {
     std::vector<std::string> calls;
 };
 Script* script = nullptr;
+
+std::size_t consolesOpened = 0;
 
 } // namespace
 
@@ -53,6 +58,13 @@ NamedMutex::WaitResult NamedMutex::wait(std::uint32_t timeoutMs)
 
 void NamedMutex::release() { script->calls.push_back("release"); }
 
+struct ConsoleKeys::State {};
+ConsoleKeys::ConsoleKeys() { ++consolesOpened; }
+ConsoleKeys::~ConsoleKeys() = default;
+bool ConsoleKeys::available() { return false; }
+int ConsoleKeys::read() { return -1; }
+bool isTerminal(int) { return false; }
+
 } // namespace zuPlatform
 
 namespace zuGevDaemon {
@@ -62,6 +74,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using testing::StartsWith;
 using WaitResult = NamedMutex::WaitResult;
 
 constexpr const char* createCall = "create Global\\ZuGevSvc_Instance";
@@ -72,6 +85,8 @@ protected:
     InstanceModes()
     {
         script = &scripted;
+        consolesOpened = 0;
+        TerminateFlag.store(0);
         ::unsetenv("NOTIFY_SOCKET");
         const std::string prefix = "zu-modes-" + std::to_string(::getpid()) + "-";
         zuPlatform::setObjectNamePrefixForTesting(prefix);
@@ -90,7 +105,19 @@ protected:
 
     std::string printed() const { return printed_.str(); }
 
+    /// What has been printed since the last call, behind the banner that it must begin with.
+    std::string printedBehindBanner()
+    {
+        std::ostringstream banner;
+        PrintBanner(banner);
+        const std::string text = printed_.str();
+        printed_.str("");
+        EXPECT_THAT(text, StartsWith(banner.str()));
+        return text.substr(std::min(text.size(), banner.str().size()));
+    }
+
     Script scripted;
+    zuTest::FakeServiceManager manager;
     zuTest::LogRecorder log;
 
 private:
@@ -136,6 +163,7 @@ TEST_F(InstanceModes, ApplicationSaysSoAndHoldsTheMutexThroughItsLoop)
     EXPECT_THAT(scripted.calls, ElementsAre(createCall, "wait 500", "release", "close"));
     EXPECT_THAT(printed(), HasSubstr("BuildDate"));
     EXPECT_THAT(printed(), Not(HasSubstr(runningWords)));
+    EXPECT_EQ(consolesOpened, 1u);
 }
 
 TEST_F(InstanceModes, SecondApplicationSaysThatThereIsOne)
@@ -165,12 +193,93 @@ TEST_F(InstanceModes, SecondServiceWarnsInTheLogOnly)
 
 TEST_F(InstanceModes, ServiceThatNoManagerStartedEndsWithoutAWord)
 {
-    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+    manager.refused = "StartServiceCtrlDispatcher";
     RunService();
-    ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
     EXPECT_THAT(log.texts(), ElementsAre("Enter service"));
     EXPECT_EQ(printed(), "");
     EXPECT_THAT(scripted.calls, ElementsAre(createCall, "wait 500")) << "the end of the process lets it go";
+}
+
+TEST_F(InstanceModes, ServiceWithoutAManagerEndsWithoutAWord)
+{
+    manager.refused = "OpenSCManager";
+    RunService();
+    EXPECT_THAT(manager.calls(), ElementsAre("OpenSCManager(0xf003f)"));
+    EXPECT_THAT(log.texts(), ElementsAre("Enter service"));
+    EXPECT_EQ(printed(), "");
+}
+
+TEST_F(InstanceModes, ServiceRunsTheLoopWithoutKeysUntilItIsStopped)
+{
+    manager.controls = [](zuPlatform::ServiceControlFunction handler) { handler(zuPlatform::serviceControlStop); };
+    RunService();
+    EXPECT_THAT(manager.calls(),
+                ElementsAre("OpenSCManager(0xf003f)", "StartServiceCtrlDispatcher(zuGevSvc)",
+                            "RegisterServiceCtrlHandler(zuGevSvc)", "SetServiceStatus(0x77,4)",
+                            "SetServiceStatus(0x77,3)", "SetServiceStatus(0x77,1)", "CloseServiceHandle(manager)"));
+    EXPECT_EQ(log.texts("main"), std::vector<std::string>{"Enter service"});
+    EXPECT_THAT(log.texts("Svc"), ElementsAre("Service loop starting", "Starting service loop",
+                                              "Service loop terminating, shutdown Mgr", "Service loop terminated"));
+    EXPECT_EQ(consolesOpened, 0u);
+    EXPECT_EQ(TerminateFlag.load(), 1u);
+    EXPECT_EQ(printed(), "");
+    EXPECT_THAT(scripted.calls, ElementsAre(createCall, "wait 500", "release", "close"));
+}
+
+TEST_F(InstanceModes, InstallRegistersThePathWithItsOption)
+{
+    RunInstall("C:\\a b\\zuGevSvc.exe");
+    EXPECT_EQ(printedBehindBanner(), "Install Service successful\n");
+    EXPECT_THAT(manager.calls(), testing::Contains("CreateService(manager,zuGevSvc,ORTOLAN GigE Vision Service,"
+                                                   "0xf01ff,0x10,2,1,[C:\\a b\\zuGevSvc.exe -s ])"));
+    EXPECT_THAT(manager.openHandles(), IsEmpty());
+    manager.refused = "CreateService";
+    RunInstall("C:\\zuGevSvc.exe");
+    EXPECT_EQ(printedBehindBanner(), "Install Service failed\n");
+    manager.refused = "OpenSCManager";
+    RunInstall("C:\\zuGevSvc.exe");
+    EXPECT_EQ(printedBehindBanner(), "Install Service failed\n");
+    RunInstall("");
+    EXPECT_EQ(printedBehindBanner(), "Install Service failed\n");
+    manager.refused = "";
+    manager.onCall = [](const std::string&) { throw 5; };
+    RunInstall("C:\\zuGevSvc.exe");
+    EXPECT_EQ(printedBehindBanner(), "Install Service failed\n") << "whatever it is that was thrown";
+    EXPECT_THAT(scripted.calls, IsEmpty());
+}
+
+/// Runs a mode that succeeds, and then one in which `call` is refused.
+struct ControlMode {
+    void (*run)();
+    const char* call;
+    const char* success;
+    const char* failure;
+};
+
+TEST_F(InstanceModes, DeleteStartAndStopSayHowItWent)
+{
+    const ControlMode modes[] = {
+        {&RunDelete, "DeleteService", "Delete Service successful\n", "Delete Service failed\n"},
+        {&RunStart, "StartService", "Start Service successful\n", "Start Service failed\n"},
+        {&RunStop, "ControlService", "Stop Service successful\n", "Stop Service failed\n"},
+    };
+    manager.statuses = {zuTest::serviceStatus(zuPlatform::serviceRunning)};
+    manager.statusAfterControl = zuTest::serviceStatus(zuPlatform::serviceStopped);
+    for (const ControlMode& mode : modes) {
+        manager.refused = "";
+        mode.run();
+        EXPECT_EQ(printedBehindBanner(), mode.success);
+        EXPECT_THAT(manager.openHandles(), Not(testing::Contains("manager")));
+        EXPECT_THAT(manager.calls(), testing::Contains(StartsWith(mode.call)));
+        manager.refused = mode.call;
+        mode.run();
+        EXPECT_EQ(printedBehindBanner(), mode.failure);
+        manager.refused = "OpenSCManager";
+        mode.run();
+        EXPECT_EQ(printedBehindBanner(), mode.failure);
+    }
+    EXPECT_THAT(scripted.calls, IsEmpty()) << "none of them takes the machine's one place";
+    EXPECT_THAT(log.texts(), IsEmpty());
 }
 
 } // namespace

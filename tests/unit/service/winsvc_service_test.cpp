@@ -1,4 +1,5 @@
 // The service process: dispatcher, states, controls.
+#include "tests/support/line_hook.h"
 #include "tests/support/recording_target.h"
 #include "tests/unit/service/winsvc_fixture.h"
 
@@ -135,6 +136,27 @@ TEST_F(WinSvcServiceTest, LogsTheLoopAndReportsRunningBeforeAnyWork)
     for (const Record& record : log.records())
         EXPECT_EQ(record.level, zuLogging::log_info);
     EXPECT_THAT(states(fake), ElementsAre(4, 1));
+}
+
+TEST_F(WinSvcServiceTest, EachStepOfTheServiceInItsOrder)
+{
+    std::vector<std::string> steps;
+    std::size_t seen = 0;
+    const auto addCalls = [&] {
+        const auto calls = fake.calls();
+        steps.insert(steps.end(), calls.begin() + static_cast<std::ptrdiff_t>(seen), calls.end());
+        seen = calls.size();
+    };
+    const auto add = [&](const std::string& step) {
+        addCalls();
+        steps.push_back(step);
+    };
+    onLogLine(add);
+    service.Run([&] { add("the body"); }, [] {});
+    addCalls();
+    EXPECT_THAT(steps, ElementsAre("StartServiceCtrlDispatcher(zuGevSvc)", "RegisterServiceCtrlHandler(zuGevSvc)",
+                                   "Service loop starting", "SetServiceStatus(0x77,4)", "the body",
+                                   "Service loop terminated", "SetServiceStatus(0x77,1)"));
 }
 
 TEST_F(WinSvcServiceTest, RefusedDispatcher)

@@ -56,6 +56,19 @@ TEST_F(WinSvcStartTest, StalledStartIsGivenUpOnceTheHintIsExceeded)
     EXPECT_THAT(fake.openHandles(), ElementsAre("manager"));
 }
 
+TEST_F(WinSvcStartTest, TheHintCountsFromTheFirstAnswer)
+{
+    // An answer takes two seconds, of which the first is none of the wait.
+    fake.onCall = [](const std::string& name) {
+        if (name == "QueryServiceStatus")
+            FakeClock::advance(2000);
+    };
+    fake.statuses = {serviceStatus(2, 7, 3000)};
+    EXPECT_EQ(failure([&] { service.Start(); }), "Service not running");
+    EXPECT_THAT(FakeClock::sleeps(), ElementsAre(1000, 1000))
+        << "3000 ms after the first poll, 6000 ms after the second";
+}
+
 TEST_F(WinSvcStartTest, StalledStartWithHintZeroIsGivenUpAfterOnePoll)
 {
     fake.statuses = {serviceStatus(2)};

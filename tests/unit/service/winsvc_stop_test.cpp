@@ -69,6 +69,17 @@ TEST_F(WinSvcStopTest, StoppingServiceIsWaitedForWithoutAControl)
     EXPECT_THAT(fake.openHandles(), ElementsAre("manager", "service"));
 }
 
+TEST_F(WinSvcStopTest, TheDeadlineCountsFromBeforeTheFirstQuery)
+{
+    fake.onCall = [](const std::string& name) {
+        if (name == "QueryServiceStatus")
+            FakeClock::advance(4600);
+    };
+    fake.statuses = {serviceStatus(3, 0, 1000)};
+    EXPECT_EQ(failure([&] { service.Stop(); }), "Timeout");
+    EXPECT_THAT(FakeClock::sleeps(), ElementsAre(1000)) << "two answers and a second are 10200 ms";
+}
+
 TEST_F(WinSvcStopTest, StoppingServiceRunsIntoTheDeadline)
 {
     fake.statuses = {serviceStatus(3, 0, 2500)};
