@@ -1,5 +1,7 @@
 #include "tests/support/fake_thread.h"
 
+#include "platform/clock.h"
+
 #include <algorithm>
 #include <memory>
 #include <mutex>

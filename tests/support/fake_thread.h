@@ -1,5 +1,5 @@
-// The thread services with a record: link zu_fake_thread into a test. Sleeps, yields and the clock are real; priorities
-// are granted as a test says, and change nothing. Any thread may call.
+// The thread services and the clock with a record: link zu_fake_thread into a test. Sleeps, yields and the clock are
+// real; priorities are granted as a test says, and change nothing. Any thread may call.
 #pragma once
 
 #include "platform/thread.h"
