@@ -1,23 +1,8 @@
 #!/usr/bin/env bash
 # The service on a machine of its own: packages, service control, a linked camera, a kill, a boot, removal.
 # Usage: service_test.sh BUILD-FOLDER [SANITIZER]. Exit status 0 passed, 1 failed, 77 skipped.
-set -u
-here=$(cd "$(dirname "$0")" && pwd)
-build=$(cd "$1" && pwd)
-sanitizer=${2:-}
-. "$here/machine.sh"
-. "$here/steps.sh"
-
-[ -z "$sanitizer" ] || machine_skip "the unit's confinement leaves no room for the $sanitizer sanitizer"
-[ -n "${ZU_MACHINE_MOUNTS:-}" ] || machine_possible
-machine_own_mounts "$0" "$@"
-for program in cpack dpkg-shlibdeps file; do
-    command -v "$program" > /dev/null || machine_skip "$program is missing, so there are no packages to install"
-done
-
-folder=$(mktemp -d)
-trap 'machine_halt; umount -l "$folder"; rmdir "$folder"' EXIT
-mount -t tmpfs tmpfs "$folder" || exit 1
+programs="cpack dpkg-shlibdeps file"
+. "$(dirname "$0")/steps.sh"
 
 camera=127.0.14.40
 trace() { in_machine journalctl -o cat --no-pager -u camera.service; }

@@ -1,4 +1,22 @@
-# What the tests on a machine of their own have in common. For bash; source it after machine.sh.
+# What the tests on a machine of their own have in common: BUILD-FOLDER [SANITIZER] as arguments, a machine in $folder, and
+# the words for steps. For bash; a script sources it with its own arguments, after setting $programs to what it needs.
+# Exit status 0 passed, 1 failed, 77 skipped.
+
+set -u
+build=$(cd "$1" && pwd)
+sanitizer=${2:-}
+. "$(dirname "${BASH_SOURCE[0]}")/machine.sh"
+
+[ -z "$sanitizer" ] || machine_skip "the unit's confinement leaves no room for the $sanitizer sanitizer"
+[ -n "${ZU_MACHINE_MOUNTS:-}" ] || machine_possible
+machine_own_mounts "$0" "$@"
+for program in $programs; do
+    command -v "$program" > /dev/null || machine_skip "$program is missing, so there are no packages to install"
+done
+
+folder=$(mktemp -d)
+trap 'machine_halt; umount -l "$folder"; rmdir "$folder"' EXIT
+mount -t tmpfs tmpfs "$folder" || exit 1
 
 failures=0
 step() { echo "== $* ($SECONDS s)"; }

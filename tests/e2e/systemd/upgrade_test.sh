@@ -2,23 +2,8 @@
 # The packages over time, on a machine of their own: upgrades beside what an administrator has changed, the library as
 # programs outside this tree use it, and a purge beside a daemon that doesn't come from the package.
 # Usage: upgrade_test.sh BUILD-FOLDER [SANITIZER]. Exit status 0 passed, 1 failed, 77 skipped.
-set -u
-here=$(cd "$(dirname "$0")" && pwd)
-build=$(cd "$1" && pwd)
-sanitizer=${2:-}
-. "$here/machine.sh"
-. "$here/steps.sh"
-
-[ -z "$sanitizer" ] || machine_skip "the unit's confinement leaves no room for the $sanitizer sanitizer"
-[ -n "${ZU_MACHINE_MOUNTS:-}" ] || machine_possible
-machine_own_mounts "$0" "$@"
-for program in cpack dpkg-shlibdeps dpkg-deb file; do
-    command -v "$program" > /dev/null || machine_skip "$program is missing, so there are no packages to install"
-done
-
-folder=$(mktemp -d)
-trap 'machine_halt; umount -l "$folder"; rmdir "$folder"' EXIT
-mount -t tmpfs tmpfs "$folder" || exit 1
+programs="cpack dpkg-shlibdeps dpkg-deb file"
+. "$(dirname "$0")/steps.sh"
 
 settings=/etc/zugevsvc/zuLogSvc.json
 version=
