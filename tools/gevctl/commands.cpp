@@ -1,4 +1,4 @@
-// Dispatch, errors, and what all commands share.
+// Errors, and what all commands share.
 #include "tools/gevctl/commands.h"
 
 #include "tools/gevctl/progress.h"
@@ -26,41 +26,12 @@ int complain(const Options& options, const Surroundings& around, int code, const
     return code;
 }
 
-void dispatch(const Options& options, const Surroundings& around)
-{
-    switch (options.action) {
-    case Action::discover:
-        return runDiscover(options, around);
-    case Action::info:
-        return runInfo(options, around);
-    case Action::readRegisters:
-        return runReadRegisters(options, around);
-    case Action::writeRegisters:
-        return runWriteRegisters(options, around);
-    case Action::readMemory:
-        return runReadMemory(options, around);
-    case Action::writeMemory:
-        return runWriteMemory(options, around);
-    case Action::xml:
-        return runXml(options, around);
-    case Action::watch:
-        return runWatch(options, around);
-    case Action::getTimeouts:
-    case Action::setTimeouts:
-        return runTimeouts(options, around);
-    case Action::status:
-        return runStatus(options, around);
-    case Action::check:
-        return runCheck(options, around);
-    }
-}
-
 } // namespace
 
 int run(const Options& options, const Surroundings& around)
 {
     try {
-        dispatch(options, around);
+        options.command(options, around);
         around.out.flush();
         if (!around.out)
             return complain(options, around, exitFailure, "output", "The output could not be written");

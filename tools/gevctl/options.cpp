@@ -1,6 +1,7 @@
 // The grammar of the command line.
 #include "tools/gevctl/options.h"
 
+#include "tools/gevctl/commands.h"
 #include "tools/gevctl/numbers.h"
 
 #include <CLI/CLI.hpp>
@@ -100,13 +101,13 @@ public:
 
 private:
     /// Chosen when the command is on the line; `finish` converts what was typed, once all of it is known.
-    CLI::App* command(CLI::App& parent, const std::string& name, const std::string& text, Action action,
+    CLI::App* command(CLI::App& parent, const std::string& name, const std::string& text, Command run,
                       std::function<void()> finish, const std::string& examples)
     {
         CLI::App* const sub = parent.add_subcommand(name, text);
         sub->footer("Examples:\n" + examples);
-        sub->callback([this, action, finish] {
-            options_.action = action;
+        sub->callback([this, run, finish] {
+            options_.command = run;
             finish_ = finish;
         });
         return sub;
@@ -149,7 +150,7 @@ private:
     void discover()
     {
         CLI::App* const sub = command(
-            app_, "discover", "Look for cameras on the network; the daemon is not needed", Action::discover, [] {},
+            app_, "discover", "Look for cameras on the network; the daemon is not needed", runDiscover, [] {},
             "  gevctl discover\n"
             "  gevctl discover -i eth1 --wait 2000\n"
             "  gevctl discover --address 10.0.0.17 --json");
@@ -174,7 +175,7 @@ private:
     void info()
     {
         CLI::App* const sub = command(
-            app_, "info", "Show what a camera says of itself in its bootstrap registers", Action::info, [] {},
+            app_, "info", "Show what a camera says of itself in its bootstrap registers", runInfo, [] {},
             "  gevctl info -c 192.168.7.20\n"
             "  gevctl info -c 192.168.7.20 --json");
         cameraOptions(sub, true, {});
@@ -185,7 +186,7 @@ private:
         CLI::App* const group = app_.add_subcommand("reg", "Read or write registers");
         group->require_subcommand(1);
         CLI::App* const read = command(
-            *group, "read", "Read registers", Action::readRegisters,
+            *group, "read", "Read registers", runReadRegisters,
             [this] {
                 for (const std::string& typed : words_)
                     options_.addresses.push_back(number(typed, "ADDRESS"));
@@ -195,7 +196,7 @@ private:
         cameraOptions(read, true, {});
         read->add_option("address", words_, "Register addresses")->type_name("ADDRESS")->required();
         CLI::App* const write = command(
-            *group, "write", "Write registers, in the given order", Action::writeRegisters,
+            *group, "write", "Write registers, in the given order", runWriteRegisters,
             [this] {
                 if (words_.size() % 2 != 0)
                     throw CLI::ValidationError("reg write", "each address needs a value");
@@ -216,8 +217,7 @@ private:
         CLI::App* const group = app_.add_subcommand("mem", "Read or write memory");
         group->require_subcommand(1);
         CLI::App* const read = command(
-            *group, "read", "Read memory, to the screen or to a file", Action::readMemory,
-            [this] { takeRange(sizeText_); },
+            *group, "read", "Read memory, to the screen or to a file", runReadMemory, [this] { takeRange(sizeText_); },
             "  gevctl mem read -c 192.168.7.20 0x0048 32\n"
             "  gevctl mem read -c 192.168.7.20 0x10000000 1M -o dump.bin");
         cameraOptions(read, true, {});
@@ -228,7 +228,7 @@ private:
         read->add_option("-o,--output", options_.file, "File to write to, as raw bytes; - for standard output")
             ->type_name("FILE");
         CLI::App* const write = command(
-            *group, "write", "Write memory, from a file or from the command line", Action::writeMemory,
+            *group, "write", "Write memory, from a file or from the command line", runWriteMemory,
             [this] {
                 takeRange("0");
                 if (options_.file.empty() == dataText_.empty())
@@ -267,7 +267,7 @@ private:
     void xml()
     {
         CLI::App* const sub = command(
-            app_, "xml", "Fetch the camera's GenICam description, unzipped", Action::xml, [] {},
+            app_, "xml", "Fetch the camera's GenICam description, unzipped", runXml, [] {},
             "  gevctl xml -c 192.168.7.20 -o camera.xml\n"
             "  gevctl xml -c 192.168.7.20 --url\n"
             "  gevctl xml -c 192.168.7.20 --raw -o camera.zip");
@@ -281,7 +281,7 @@ private:
     void watch()
     {
         CLI::App* const sub = command(
-            app_, "watch", "Hold a link and print what happens to it, until Ctrl-C", Action::watch,
+            app_, "watch", "Hold a link and print what happens to it, until Ctrl-C", runWatch,
             [this] { orElse(LinkMode::control()); },
             "  gevctl watch -c 192.168.7.20\n"
             "  gevctl watch -c 192.168.7.20 --for 60000 --json");
@@ -304,14 +304,14 @@ private:
         CLI::App* const group = app_.add_subcommand("timeouts", "Show or set timeouts, retries and the heartbeat");
         group->require_subcommand(1);
         CLI::App* const get = command(
-            *group, "get", "Show the timeouts that a new connection has, and the camera's heartbeat",
-            Action::getTimeouts, [] {}, "  gevctl timeouts get -c 192.168.7.20");
+            *group, "get", "Show the timeouts that a new connection has, and the camera's heartbeat", runTimeouts,
+            [] {}, "  gevctl timeouts get -c 192.168.7.20");
         cameraOptions(get, true, {});
         CLI::App* const set = command(
             *group, "set",
             "Set the camera's heartbeat timeout, which the camera keeps; --ack-timeout and --retries last for the\n"
             "connection, and decide the least heartbeat timeout: (retries + 2) * ack timeout",
-            Action::setTimeouts,
+            runTimeouts,
             [this] {
                 if (!options_.heartbeatMs && !options_.ackTimeoutMs && !options_.retries)
                     throw CLI::ValidationError("timeouts set", "nothing to set");
@@ -326,12 +326,12 @@ private:
     void status()
     {
         CLI::App* const sub = command(
-            app_, "status", "Tell whether the daemon runs and, with a camera, who holds that", Action::status, [] {},
+            app_, "status", "Tell whether the daemon runs and, with a camera, who holds that", runStatus, [] {},
             "  gevctl status\n"
             "  gevctl status -c 192.168.7.20 --json");
         cameraOptions(sub, false, {});
         CLI::App* const check = command(
-            app_, "check", "Link a camera, check the link, and give it back", Action::check,
+            app_, "check", "Link a camera, check the link, and give it back", runCheck,
             [this] { orElse(LinkMode::control()); }, "  gevctl check -c 192.168.7.20 -a exclusive");
         cameraOptions(check, true, "control");
     }

@@ -19,23 +19,12 @@ enum ExitCode : int {
     exitCamera = 4,   ///< the camera refused or did not answer
 };
 
-enum class Action {
-    discover,
-    info,
-    readRegisters,
-    writeRegisters,
-    readMemory,
-    writeMemory,
-    xml,
-    watch,
-    getTimeouts,
-    setTimeouts,
-    status,
-    check,
-};
+struct Options;
+struct Surroundings;
+using Command = void (*)(const Options& options, const Surroundings& around);
 
 struct Options {
-    Action action = Action::status;
+    Command command = nullptr; ///< one of those in commands.h
     bool json = false;
     bool quiet = false;
 

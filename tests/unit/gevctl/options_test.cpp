@@ -1,4 +1,5 @@
 // The command line: what it takes, what it refuses, and that every command explains itself.
+#include "tools/gevctl/commands.h"
 #include "tools/gevctl/options.h"
 
 #include <gmock/gmock.h>
@@ -43,13 +44,13 @@ void bad(const std::string& line, const std::string& complaint)
 TEST(OptionsTest, registers)
 {
     const Options read = good("reg read -c 127.0.15.1 0x0A00 16");
-    EXPECT_EQ(read.action, Action::readRegisters);
+    EXPECT_EQ(read.command, &runReadRegisters);
     EXPECT_EQ(read.camera, (Endpoint{0x7F000F01, 3956}));
     EXPECT_THAT(read.addresses, ElementsAre(0x0A00, 16));
     EXPECT_FALSE(read.access);
 
     const Options write = good("reg write 4 0xFFFFFFFF 8 1 --camera 127.0.15.1:4000");
-    EXPECT_EQ(write.action, Action::writeRegisters);
+    EXPECT_EQ(write.command, &runWriteRegisters);
     EXPECT_EQ(write.camera, (Endpoint{0x7F000F01, 4000}));
     EXPECT_THAT(write.writes, ElementsAre(Pair(4, 0xFFFFFFFF), Pair(8, 1)));
     EXPECT_EQ(write.access->value(), zuGevClient::LinkMode::control().value());
@@ -67,7 +68,7 @@ TEST(OptionsTest, registers)
 TEST(OptionsTest, memory)
 {
     const Options read = good("mem read -c 127.0.15.1 0x10000 2k -o out.bin -q");
-    EXPECT_EQ(read.action, Action::readMemory);
+    EXPECT_EQ(read.command, &runReadMemory);
     EXPECT_EQ(read.address, 0x10000u);
     EXPECT_EQ(read.size, 2048u);
     EXPECT_EQ(read.file, "out.bin");
@@ -77,7 +78,7 @@ TEST(OptionsTest, memory)
     bad("mem read -c 127.0.15.1 4", "length");
 
     const Options file = good("mem write -c 127.0.15.1 8 in.bin --verify");
-    EXPECT_EQ(file.action, Action::writeMemory);
+    EXPECT_EQ(file.command, &runWriteMemory);
     EXPECT_EQ(file.file, "in.bin");
     EXPECT_TRUE(file.verify);
     EXPECT_TRUE(file.access->isPrivileged());
@@ -101,9 +102,9 @@ TEST(OptionsTest, accessModes)
 
 TEST(OptionsTest, timeoutsAndWatch)
 {
-    EXPECT_EQ(good("timeouts get -c 1.2.3.4").action, Action::getTimeouts);
+    EXPECT_EQ(good("timeouts get -c 1.2.3.4").command, &runTimeouts);
     const Options set = good("timeouts set -c 1.2.3.4 --heartbeat 0 --ack-timeout 500 --retries 5");
-    EXPECT_EQ(set.action, Action::setTimeouts);
+    EXPECT_EQ(set.command, &runTimeouts);
     EXPECT_EQ(set.heartbeatMs, 0u);
     EXPECT_EQ(set.ackTimeoutMs, 500u);
     EXPECT_EQ(set.retries, 5u);
@@ -118,7 +119,7 @@ TEST(OptionsTest, discoverAndStatus)
 {
     const Options discover =
         good("discover -i eth0 -i 10.0.0.1 --address 127.0.15.1 --address 1.2.3.4:99 -w 50 --json");
-    EXPECT_EQ(discover.action, Action::discover);
+    EXPECT_EQ(discover.command, &runDiscover);
     EXPECT_THAT(discover.interfaces, ElementsAre("eth0", "10.0.0.1"));
     EXPECT_THAT(discover.unicastTargets, ElementsAre(Endpoint{0x7F000F01, 3956}, Endpoint{0x01020304, 99}));
     EXPECT_EQ(discover.waitMs, 50u);
