@@ -371,7 +371,8 @@ Stream::Slot& Stream::beginFrame(const StreamSetup& setup, Time exposed)
                                                : gvsp::chunkData;
     frame.chunks = setup.chunkMode ? setup.chunks : 0;
     frame.timestamp = static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(exposed - setup.timestampStart).count());
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::max(exposed - setup.timestampStart, Time::duration{}))
+            .count());
     frame.exposureUs = setup.exposureUs;
     frame.packetSize = setup.packetSize;
     frame.payloadSize = gvsp::payloadSize(frame.picture, setup.chunkMode, setup.chunks);

@@ -85,6 +85,97 @@ TEST_P(ArvTool, ControlsFeaturesRegistersAndGivesControlBack)
     EXPECT_EQ(ccp.back(), 0U);
 }
 
+TEST_P(ArvTool, SetsUpTheStreamByFeatures)
+{
+    Camera camera(config(GetParam()));
+    camera.writeRegister(gevsim::reg::streamPacketSize, 0x40000000 | 1400);
+    const std::string output = runTool({"-a",
+                                        "127.0.13.70",
+                                        "control",
+                                        "OffsetX=0",
+                                        "Width=320",
+                                        "OffsetX=320",
+                                        "OffsetX",
+                                        "PixelFormat=Mono12Packed",
+                                        "PixelSize",
+                                        "PayloadSize",
+                                        "ChunkModeActive=true",
+                                        "PayloadSize",
+                                        "ChunkSelector=Timestamp",
+                                        "ChunkEnable=false",
+                                        "PayloadSize",
+                                        "ChunkSelector=ExposureTime",
+                                        "ChunkEnable",
+                                        "FramePeriod=10000",
+                                        "AcquisitionFrameRate",
+                                        "AcquisitionMode=MultiFrame",
+                                        "AcquisitionFrameCount=7",
+                                        "TriggerMode=On",
+                                        "TriggerSource=Line1",
+                                        "GevSCPSPacketSize=1500",
+                                        "GevSCPHostPort",
+                                        "GevSCPD=1000",
+                                        "GevGVSPExtendedIDMode=On",
+                                        "GevSCCFGExtendedChunkData=true",
+                                        "GevCurrentIPConfigurationDHCP=true"});
+    for (const char* line :
+         {"OffsetX = 320", "PixelSize = 12", "PayloadSize = 230400", "PayloadSize = 230456", "PayloadSize = 230440",
+          "ChunkEnable = true", "AcquisitionFrameRate = 100 Hz", "GevSCPHostPort = 0"})
+        EXPECT_NE(output.find(line), std::string::npos) << line << "\n" << output;
+    const std::pair<std::uint32_t, std::uint32_t> registers[] = {
+        {feature::pixelFormat, 0x010C0006},
+        {feature::chunkMode, 1},
+        {feature::chunkEnable + 4, 1},
+        {feature::chunkEnable + 8, 0},
+        {feature::chunkEnable + 12, 1},
+        {feature::frameRate, 0x42C80000},
+        {feature::acquisitionMode, 2},
+        {feature::acquisitionFrameCount, 7},
+        {feature::triggerMode, 1},
+        {feature::triggerSource, 1},
+        {reg::streamPacketSize, 0x40000000 | 1500}, // what stands beside a part of a register stays
+        {reg::streamPacketDelay, 1000},
+        {reg::gvspConfiguration, 0x40000000},
+        {reg::streamConfiguration, 1},
+        {reg::currentIpConfiguration, 7},
+    };
+    for (const auto& [address, value] : registers)
+        EXPECT_EQ(camera.readRegister(address), value) << std::hex << address;
+}
+
+TEST_P(ArvTool, BoundsAndAvailabilityHangOnOtherFeatures)
+{
+    Camera camera(config(GetParam()));
+    // What the tool refuses, it ends with an error.
+    const auto told = [&](const std::vector<std::string>& more) {
+        std::vector<std::string> command = {
+            tool, "-a", "127.0.13.70", "--range-check=enable", "--access-check=enable", "control"};
+        command.insert(command.end(), more.begin(), more.end());
+        zuTest::runCommand(command);
+    };
+    EXPECT_EQ(camera.readRegister(feature::frameRate), 0x41C80000U) << "25, so 40 ms";
+    told({"ExposureTime=40000"});
+    EXPECT_EQ(camera.readRegister(feature::exposureTime), 0x471C4000U);
+    told({"ExposureTime=40001"});
+    EXPECT_EQ(camera.readRegister(feature::exposureTime), 0x471C4000U);
+    told({"AcquisitionFrameRateEnable=false", "ExposureTime=200000"});
+    EXPECT_EQ(camera.readRegister(feature::exposureTime), 0x48435000U);
+    const auto listed = [&](const std::string& name) {
+        return runTool({"-a", "127.0.13.70", "values"}).find("'" + name + "'") != std::string::npos;
+    };
+    EXPECT_FALSE(listed("AcquisitionFrameCount")) << "of no mode but MultiFrame";
+    EXPECT_FALSE(listed("TriggerSoftware"));
+    EXPECT_FALSE(listed("AcquisitionFrameRate"));
+    told({"AcquisitionMode=MultiFrame", "TriggerMode=On", "AcquisitionFrameRateEnable=true"});
+    EXPECT_TRUE(listed("AcquisitionFrameCount"));
+    EXPECT_TRUE(listed("TriggerSoftware"));
+    EXPECT_TRUE(listed("AcquisitionFrameRate"));
+    EXPECT_EQ(camera.readRegister(feature::exposureTime), 0x471C4000U) << "as long as a period is";
+    told({"Width=320", "OffsetX=324"});
+    EXPECT_EQ(camera.readRegister(feature::width), 320U);
+    EXPECT_EQ(camera.readRegister(feature::offsetX), 0U) << "320 at most";
+}
+
 INSTANTIATE_TEST_SUITE_P(File, ArvTool, testing::Bool(),
                          [](const testing::TestParamInfo<bool>& zipped) { return zipped.param ? "zipped" : "plain"; });
 

@@ -225,9 +225,9 @@ TEST_F(Script, InformationNamesControlCountsAndFaults)
 TEST_F(Script, HelpNamesEveryWord)
 {
     const std::string help = camera.execute("help");
-    for (const char* word :
-         {"none",    "drop",     "drop-ack",    "delay", "duplicate", "reorder", "hold",  "release", "status",   "busy",
-          "denied",  "wrong-id", "ack-code",    "even",  "foreign",   "pending", "short", "long",    "truncate", "raw",
-          "silence", "speak",    "power-cycle", "loss",  "clear",     "read",    "write", "info",    "help"})
+    for (const char* word : {"none",   "drop", "drop-ack", "delay",    "duplicate", "reorder", "hold",        "release",
+                             "status", "busy", "denied",   "wrong-id", "ack-code",  "even",    "foreign",     "pending",
+                             "short",  "long", "truncate", "raw",      "silence",   "speak",   "power-cycle", "loss",
+                             "clear",  "read", "write",    "info",     "help",      "stream",  "frames",      "pulse"})
         EXPECT_NE(help.find(std::string("    ") + word + " "), std::string::npos) << word;
 }
