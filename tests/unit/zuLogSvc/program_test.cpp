@@ -367,6 +367,7 @@ TEST_F(ProgramTest, ABlockThatIsCutShortEndsNothing)
     ASSERT_TRUE(program.waitForOutput(started));
     ASSERT_TRUE(eventually([] { return readConnectionBlock().has_value(); }));
     send(someMessage("before the end"));
+    ASSERT_TRUE(program.waitForOutput("before the end\n"));
     std::filesystem::resize_file("/dev/shm/" + prefix + "Global.zuLogSvcConnectionInfo", 0);
     program.signal(SIGTERM);
     EXPECT_EQ(program.exitStatus(), 0);
