@@ -99,8 +99,7 @@ bool isTaken(std::uint16_t port)
 
 bool portIsFree(std::uint16_t port)
 {
-    int error = 0;
-    const auto socket = zuPlatform::DatagramSocket::open(error);
+    const auto socket = zuPlatform::DatagramSocket::open();
     return socket && socket->bind(zuPlatform::loopbackAt(port)) == 0;
 }
 

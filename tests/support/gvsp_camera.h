@@ -30,8 +30,7 @@ public:
     /// Sends from, and takes commands at, `address` (host order) and a port of the system's choice.
     GvspCamera(std::uint32_t address, const CameraFaults& faults) : faults_(faults), random_(faults.seed)
     {
-        int error = 0;
-        socket_ = zuPlatform::DatagramSocket::open(error);
+        socket_ = zuPlatform::DatagramSocket::open();
         if (!socket_ || socket_->bind({zuPlatform::hostToNetwork32(address), 0}) != 0)
             throw std::runtime_error("no socket for the camera");
         socket_->setReceiveBuffer(1 << 20);

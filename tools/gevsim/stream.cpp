@@ -72,8 +72,7 @@ std::uint16_t Stream::configure(const StreamSetup& setup)
     setup_ = setup;
     if (setup.open() && !wasOpen && !ending_) {
         if (!socket_) {
-            int error = 0;
-            zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open(error);
+            zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open();
             zuPlatform::SocketAddress bound;
             if (!socket || socket->bind(toPlatform({ip_, 0})) != 0 || socket->getLocalAddress(bound) != 0) {
                 ++counters_.sendErrors;

@@ -42,8 +42,7 @@ class Anyone {
 public:
     Anyone()
     {
-        int error = 0;
-        socket_ = zuPlatform::DatagramSocket::open(error);
+        socket_ = zuPlatform::DatagramSocket::open();
         EXPECT_EQ(socket_->setBroadcast(), 0);
         EXPECT_EQ(socket_->bind(zuPlatform::loopbackAt(0)), 0);
     }
@@ -232,8 +231,7 @@ TEST(Address, PicturesComeFromTheNewAddress)
     Endpoint from{0, 0};
     client.send(forceIp("127.0.13.211"), camera.endpoint());
     client.receive(from);
-    int error = 0;
-    const zuPlatform::SocketPtr stream = zuPlatform::DatagramSocket::open(error);
+    const zuPlatform::SocketPtr stream = zuPlatform::DatagramSocket::open();
     ASSERT_EQ(stream->bind(zuPlatform::loopbackAt(0)), 0);
     zuPlatform::SocketAddress local, sender;
     ASSERT_EQ(stream->getLocalAddress(local), 0);

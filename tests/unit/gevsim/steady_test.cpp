@@ -104,8 +104,7 @@ TEST(Steady, NoAllocationForAPicture)
     made.heartbeatTimeoutMs = 0;
     made.resendFrames = 4;
     gevsim::Camera camera(made);
-    int error = 0;
-    const zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open(error);
+    const zuPlatform::SocketPtr socket = zuPlatform::DatagramSocket::open();
     ASSERT_EQ(socket->bind(zuPlatform::loopbackAt(0)), 0);
     zuPlatform::SocketAddress local;
     ASSERT_EQ(socket->getLocalAddress(local), 0);

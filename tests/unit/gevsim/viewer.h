@@ -65,8 +65,7 @@ public:
 
     explicit Viewer(const gevsim::Camera& camera, std::uint32_t own = 0x7F000D02) : control(camera.endpoint(), own)
     {
-        int error = 0;
-        socket_ = zuPlatform::DatagramSocket::open(error);
+        socket_ = zuPlatform::DatagramSocket::open();
         socket_->setReceiveBuffer(8 * 1024 * 1024);
         EXPECT_EQ(socket_->bind({zuPlatform::hostToNetwork32(own), 0}), 0);
         zuPlatform::SocketAddress local;

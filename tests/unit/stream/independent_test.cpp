@@ -193,8 +193,7 @@ class FakeCamera {
 public:
     FakeCamera() : process_({"arv-fake-gv-camera-0.8", "-i", "127.0.0.1"})
     {
-        int error = 0;
-        socket_ = zuPlatform::DatagramSocket::open(error);
+        socket_ = zuPlatform::DatagramSocket::open();
     }
     /// False if it doesn't answer in time.
     bool write(std::uint32_t address, std::uint32_t value)

@@ -21,8 +21,7 @@ TEST(StreamSteady, AFrameAllocatesNothing)
     gvsp::Bytes rooms[3] = {gvsp::Bytes(20000), gvsp::Bytes(20000), gvsp::Bytes(20000)};
     for (gvsp::Bytes& room : rooms)
         receiver.queue(receiver.announce(room.data(), room.size()));
-    int error = 0;
-    const zuPlatform::SocketPtr camera = zuPlatform::DatagramSocket::open(error);
+    const zuPlatform::SocketPtr camera = zuPlatform::DatagramSocket::open();
     ASSERT_EQ(camera->bind({zuPlatform::hostToNetwork32(settings.source.address), 0}), 0);
     const zuPlatform::SocketAddress to{zuPlatform::hostToNetwork32(receiver.local().address),
                                        zuPlatform::hostToNetwork16(receiver.local().port)};
