@@ -73,7 +73,7 @@ public:
                                             "-T",     "fields", "-E",  "separator=,"};
         for (const std::string& field : fields)
             command.insert(command.end(), {"-e", field});
-        const Finished finished = runCommand(command, 60s);
+        const Finished finished = runCommand(command);
         EXPECT_TRUE(finished.end.exited && finished.end.status == 0) << finished.output;
         std::vector<std::string> lines;
         std::istringstream text(finished.output);
@@ -244,7 +244,7 @@ TEST(IndependentSender, ItsPicturesArriveWhole)
         std::uint64_t last = 0;
         std::uint64_t timestamp = 0;
         for (int i = 0; i < 20; ++i) {
-            zuStream::Buffer* const buffer = receiver.wait(30s);
+            zuStream::Buffer* const buffer = receiver.wait(patience);
             ASSERT_NE(buffer, nullptr);
             const zuStream::Frame& frame = buffer->frame();
             if (i == 0 && !frame.complete) { // begun before

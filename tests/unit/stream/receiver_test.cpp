@@ -2,6 +2,7 @@
 #include "platform/clock.h"
 #include "platform/thread.h"
 #include "stream/Stream.h"
+#include "tests/support/eventually.h"
 #include "tests/support/gvsp_camera.h"
 
 #include <atomic>
@@ -28,18 +29,6 @@ namespace {
 constexpr std::uint32_t cameraAddress = 0x7F000D01;
 constexpr std::uint32_t hostAddress = 0x7F000D02;
 constexpr unsigned packetSize = 1436; ///< 1400 bytes in a packet
-constexpr auto deadline = 60s;
-
-template <typename Condition>
-bool eventually(Condition condition)
-{
-    for (const auto end = std::chrono::steady_clock::now() + deadline; std::chrono::steady_clock::now() < end;) {
-        if (condition())
-            return true;
-        zuPlatform::sleepUs(200);
-    }
-    return false;
-}
 
 std::vector<Bytes> picture(const Block& block, std::uint32_t lines, Bytes* data = nullptr)
 {
@@ -79,7 +68,7 @@ protected:
         camera->send(block, packets, hostAddress, receiver->local().port, whole);
         ASSERT_TRUE(eventually([&] { return receiver->statistics().packets >= camera->sent(); }));
     }
-    Buffer* wait() { return receiver->wait(deadline); }
+    Buffer* wait() { return receiver->wait(patience); }
     /// Sends frames on a thread of its own, no more than so many ahead of `taken`. The first and the last come whole.
     std::jthread sender(std::uint64_t frames, std::uint64_t ahead,
                         const std::function<std::vector<Bytes>(std::uint64_t)>& make)
@@ -307,7 +296,7 @@ TEST_F(ReceiverTest, BuffersAreTakenBackDuringAFlood)
     });
     for (int i = 0; i < 50; ++i) {
         std::vector<Buffer*> back;
-        for (const auto end = std::chrono::steady_clock::now() + deadline;
+        for (const auto end = std::chrono::steady_clock::now() + patience;
              back.size() < 4 && std::chrono::steady_clock::now() < end;) {
             for (Buffer* const buffer : receiver->takeBack())
                 back.push_back(buffer);
@@ -351,7 +340,7 @@ TEST_F(ReceiverTest, AGroupIsSeenByTwo)
         ASSERT_GT(::sendto(fd, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
     ::close(fd);
     for (Receiver* const each : {&first, &second}) {
-        Buffer* const buffer = each->wait(deadline);
+        Buffer* const buffer = each->wait(patience);
         ASSERT_NE(buffer, nullptr);
         EXPECT_TRUE(buffer->frame().complete);
         EXPECT_EQ(Bytes(buffer->data(), buffer->data() + buffer->frame().size), data);

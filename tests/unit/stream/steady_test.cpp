@@ -1,6 +1,7 @@
 // What a frame costs in the steady state: no allocation. The counting allocator needs a program of its own.
 #include "platform/socket.h"
 #include "stream/Stream.h"
+#include "tests/support/eventually.h"
 #include "tests/support/gvsp_packets.h"
 #include "tests/unit/gevsim/allocations.h"
 
@@ -52,7 +53,7 @@ TEST(StreamSteady, AFrameAllocatesNothing)
             before = gevsimTest::allocations();
         for (const gvsp::Bytes& packet : frames[i])
             camera->sendTo(packet.data(), packet.size(), to);
-        Buffer* const buffer = receiver.wait(std::chrono::seconds(60));
+        Buffer* const buffer = receiver.wait(patience);
         ASSERT_NE(buffer, nullptr);
         complete += buffer->frame().complete ? 1 : 0;
         receiver.queue(*buffer);
