@@ -12,8 +12,8 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <stdexcept>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -242,7 +242,9 @@ void receive(const Options& options, unsigned packetSize, Shared& shared)
     if (latencies.empty())
         return;
     std::sort(latencies.begin(), latencies.end());
-    const auto at = [&](double part) { return latencies[static_cast<std::size_t>(part * static_cast<double>(latencies.size() - 1))]; };
+    const auto at = [&](double part) {
+        return latencies[static_cast<std::size_t>(part * static_cast<double>(latencies.size() - 1))];
+    };
     shared.latencyMs[0] = at(0.5);
     shared.latencyMs[1] = at(0.99);
     shared.latencyMs[2] = latencies.back();
@@ -264,8 +266,9 @@ double measure(const Options& options, unsigned packetSize, const char* name,
                 static_cast<double>(shared->packets) / static_cast<double>(std::max<std::uint64_t>(shared->calls, 1)),
                 static_cast<unsigned long long>(shared->lost), shared->granted);
     if (shared->latencyMs[0] > 0)
-        std::printf("        from the reading of a frame's last packet to the application: %.3f ms, p99 %.3f, most %.3f\n",
-                    shared->latencyMs[0], shared->latencyMs[1], shared->latencyMs[2]);
+        std::printf(
+            "        from the reading of a frame's last packet to the application: %.3f ms, p99 %.3f, most %.3f\n",
+            shared->latencyMs[0], shared->latencyMs[1], shared->latencyMs[2]);
     std::fflush(stdout);
     return perGigabyte;
 }
@@ -286,7 +289,8 @@ void run(const Options& options)
             };
             if (round % 2 == 0)
                 first();
-            own = measure(options, packetSize, "Receiver", [&](Shared& shared) { receive(options, packetSize, shared); });
+            own =
+                measure(options, packetSize, "Receiver", [&](Shared& shared) { receive(options, packetSize, shared); });
             if (round % 2 != 0)
                 first();
             ratios.push_back(own / bare);

@@ -219,7 +219,7 @@ Assembler::Assembly& Assembler::occupy(std::uint64_t block, bool extended, std::
     frame.ghostAsk = {};
     frame.received = frame.frontier = frame.highest = frame.trailerId = frame.expectedId = 0;
     frame.open = frame.asked = frame.shorts = 0;
-    frame.end = 0;
+    frame.end = frame.partBytes = 0;
     frame.nextAsk = never;
     frame.lastNew = now;
     frame.trailer.clear();
@@ -494,6 +494,7 @@ void Assembler::takePart(Assembly& frame, const gvsp::Header& header, std::span<
     }
     if (size < data.size())
         ++statistics_.beyondBuffer;
+    frame.partBytes += size;
     result.packetFormat = gvsp::multiPart;
     arrived(frame, header.packet, now);
 }
@@ -758,15 +759,17 @@ void Assembler::settle(Assembly& frame)
     Frame& result = record.result();
     record.lastId = lastId(frame);
     result.packets = record.lastId + 1;
-    result.missingPackets = std::min(result.packets, limit(frame)) - frame.received;
+    result.missingPackets = record.countMissing(std::min(result.packets, limit(frame)));
     result.complete = isComplete(frame);
     // The last packet may be short, no other; one that holds all has no packets behind it.
     const auto oddOnes = [&] { return frame.shorts > (record.lengths[record.lastId - 1] < record.payload ? 1u : 0u); };
     if (frame.variable || (result.complete && !record.multiPart && record.lastId > 1 && oddOnes()))
         compact(frame);
     result.size = frame.end;
-    const std::uint64_t promised = result.payloadType == payload::image ? result.image.size() : result.announcedSize;
-    if (result.size < promised)
+    std::uint64_t promised = result.payloadType == payload::image ? result.image.size() : result.announcedSize;
+    for (std::size_t i = 0; i < result.partCount; ++i)
+        promised += record.parts[i].size;
+    if ((record.multiPart ? frame.partBytes : result.size) < promised)
         result.complete = false;
     statistics_.packetsMissing += result.missingPackets;
 }

@@ -80,8 +80,9 @@ private:
         std::uint32_t expectedId = 0; ///< of the trailer, by the leader
         std::uint32_t open = 0;       ///< asks that are open
         std::uint32_t asked = 0;
-        std::uint32_t shorts = 0; ///< payload packets that weren't full
-        std::size_t end = 0;      ///< of the data
+        std::uint32_t shorts = 0;  ///< payload packets that weren't full
+        std::size_t end = 0;       ///< of the data
+        std::size_t partBytes = 0; ///< that came into parts
         std::uint64_t nextAsk = never;
         std::uint64_t lastNew = 0;
         std::vector<std::uint8_t> trailer; ///< its body, kept for a leader that comes later

@@ -26,6 +26,8 @@ std::vector<Range> Buffer::missing() const
 {
     const auto& record = static_cast<const Record&>(*this);
     std::vector<Range> ranges;
+    if (frame_.complete)
+        return ranges;
     // The end of the data: of a picture it is known, else a whole packet is missing.
     const std::uint64_t promised = frame_.payloadType == payload::image ? frame_.image.size() : frame_.announcedSize;
     const std::size_t end =
@@ -43,7 +45,7 @@ std::vector<Range> Buffer::missing() const
         const Part& part = frame_.parts[i];
         for (std::uint64_t at = 0; at < part.size && part.offset + at < capacity_ && id < record.ids();
              at += payload, ++id)
-            if (!record.has(id))
+            if (id >= record.lastId || !record.has(id)) // behind the trailer none came
                 add(ranges, part.offset + static_cast<std::size_t>(at),
                     static_cast<std::size_t>(
                         std::min<std::uint64_t>(capacity_, part.offset + std::min(part.size, at + payload))));

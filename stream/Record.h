@@ -57,6 +57,14 @@ public:
         return end;
     }
 
+    std::uint32_t countMissing(std::uint32_t end) const
+    {
+        std::uint32_t count = 0;
+        for (std::uint32_t id = firstMissing(0, end); id < end; id = firstMissing(id + 1, end))
+            ++count;
+        return count;
+    }
+
     std::size_t payload = 0; ///< bytes of a packet
     std::uint32_t slots = 0; ///< payload packets that it holds; the ids 0 to slots + 1 have a place below
     std::vector<std::uint64_t> map;

@@ -98,6 +98,18 @@ TEST_F(StreamTest, ACutLeaderOrTrailerIsMalformed)
     }
 }
 
+TEST_F(StreamTest, ALeaderLargerThanAnyDatagramIsMalformed)
+{
+    start();
+    Bytes leader = monoFrame({7}).front();
+    leader.resize(577);
+    play(leader);
+    EXPECT_EQ(statistics().malformed, 1u);
+    leader.resize(576);
+    play(leader);
+    EXPECT_EQ(statistics().malformed, 1u);
+}
+
 TEST_F(StreamTest, PacketsThatContradictThemselvesOrTheirFrame)
 {
     start();
@@ -185,6 +197,43 @@ TEST_F(StreamTest, PartsLargerThanTheirBuffer)
     EXPECT_EQ(first, parts[0].data);
     EXPECT_EQ(frame(0).parts[2].offset, 250u);
     EXPECT_GT(statistics().beyondBuffer, 0u);
+}
+
+TEST_F(StreamTest, FewerPartsThanPromisedAreIncomplete)
+{
+    settings.packetSize = 192;
+    std::vector<gvsp::PartInfo> parts(2);
+    parts[0].data = gvsp::pattern(120, 1);
+    parts[1].data = gvsp::pattern(130, 2);
+    const Block block{7, true};
+    start();
+    const auto packets = gvsp::multiPartFrame(block, parts, 192, 1);
+    play({packets[0], packets[1]});
+    Bytes trailer = packets.back();
+    trailer[19] = 2; // its packet id
+    play(trailer);
+    ASSERT_EQ(delivered.size(), 1u);
+    EXPECT_FALSE(frame(0).complete);
+    EXPECT_EQ(frame(0).missingPackets, 0u);
+    EXPECT_FALSE(delivered[0]->missing().empty());
+}
+
+TEST_F(StreamTest, ALeaderThatComesLastMayTellThatItNeverFitted)
+{
+    start(1, 900);
+    gvsp::Picture picture;
+    picture.width = 50;
+    picture.height = 30;
+    const Block block{7};
+    std::vector<Bytes> packets =
+        gvsp::frame(block, gvsp::imageLeader(block, picture), gvsp::pattern(900, 1), packetSize, 1, {30});
+    std::rotate(packets.begin(), packets.begin() + 1, packets.end());
+    play(packets);
+    poll(now + 100 * ms);
+    ASSERT_EQ(delivered.size(), 1u);
+    EXPECT_TRUE(frame(0).tooLarge);
+    EXPECT_EQ(frame(0).packets, 11u);
+    EXPECT_EQ(frame(0).missingPackets, 0u);
 }
 
 TEST_F(StreamTest, AFrameLargerThanItsBuffer)

@@ -263,6 +263,17 @@ TEST_F(ResendTest, AFrameLostWholeIsFetched)
     EXPECT_EQ(statistics().packetsResent, 12u);
 }
 
+TEST_F(ResendTest, FramesAreFetchedAcrossTheWrap)
+{
+    start();
+    play(monoFrame({65535}));
+    play(monoFrame({2}));
+    poll(now + 2 * ms);
+    EXPECT_THAT(requests(), ElementsAre("1:0-0"));
+    play(monoFrame({1}));
+    expectFrame(2, 1);
+}
+
 TEST_F(ResendTest, AFrameThatNeverWasCostsNoBuffer)
 {
     start(2);
