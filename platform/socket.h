@@ -124,13 +124,11 @@ public:
     /// it. `sendTo` reaches others as before. Nothing is sent.
     int connect(const SocketAddress& peer);
 
+    /// To a multicast group it leaves by the interface of the address that the socket is bound to.
     SendResult sendTo(const void* data, std::size_t size, const SocketAddress& to);
 
     /// Sends datagrams to one address, in order, with one system call for many of them where the system can.
     BatchResult sendBatch(const OutgoingDatagram* datagrams, std::size_t count, const SocketAddress& to);
-
-    /// The interface, by its address in network byte order, by which datagrams to multicast groups leave.
-    int setMulticastInterface(std::uint32_t address);
 
     /// Waits up to `timeoutMs` milliseconds on the steady clock (0 polls) for a datagram and reads it. Signals do not
     /// end the wait. A datagram larger than the buffer is `receiveFailed` with `messageSizeError`; buffer and sender

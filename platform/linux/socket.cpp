@@ -332,11 +332,6 @@ BatchResult DatagramSocket::sendBatch(const OutgoingDatagram* datagrams, std::si
     return result;
 }
 
-int DatagramSocket::setMulticastInterface(std::uint32_t address)
-{
-    return state_->setOption(IPPROTO_IP, IP_MULTICAST_IF, in_addr{address});
-}
-
 ReceiveResult DatagramSocket::receive(void* buffer, std::size_t size, std::uint32_t timeoutMs, SocketAddress* from)
 {
     State& state = *state_;

@@ -104,6 +104,7 @@ void Camera::endSilence()
 
 void Camera::powerCycle(Milliseconds off)
 {
+    impl_->awaitLeft();
     const Impl::Lock lock(impl_->mutex);
     impl_->powerCycle(off);
 }

@@ -57,6 +57,7 @@ public:
     std::vector<Fault> faults() const; ///< those that still wait for a command, with the counts that are left
     void silence(Milliseconds time);   ///< deaf and mute for so long, Milliseconds::max() for good
     void endSilence();
+    /// Waits where FORCEIP has moved the camera just before.
     void powerCycle(Milliseconds off = Milliseconds(
                         0)); ///< CCP 0, registers and memory reset, answers on their way lost; silent while off
     void setLoss(double probability,

@@ -4,6 +4,7 @@
 
 #include "tools/gevsim/platform_address.h"
 
+#include "platform/clock.h"
 #include "platform/network.h"
 #include "platform/thread.h"
 
@@ -77,6 +78,7 @@ Camera::Impl::Impl(Opened opened)
     : config(std::move(opened.config)), stream(config.endpoint.ip, config.resendFrames, config.linkSpeed,
                                                {[this](const SentFrame& frame) { frameEnded(frame); },
                                                 [this](Milliseconds off) {
+                                                    awaitLeft();
                                                     const Lock lock(mutex);
                                                     powerCycle(off);
                                                 }}),
@@ -135,8 +137,11 @@ void Camera::Impl::serve(std::size_t listener)
         if (result.kind == ReceiveResult::Kind::received || cut) {
             wait = take(*buffers, static_cast<std::size_t>(result.count), !cut, from, broadcast);
         } else if (result.kind == ReceiveResult::Kind::waitFailed) {
+            // Let go of at once: who waits for its address can't know when.
+            const DatagramSocket* const old = socket.get();
+            socket.reset();
             const Lock lock(mutex);
-            if (socket == listeners_[listener].socket)
+            if (listeners_[listener].socket.get() == old)
                 break;
             socket = listeners_[listener].socket;
         } else {
@@ -195,6 +200,8 @@ std::uint32_t Camera::Impl::take(Buffers& buffers, std::size_t size, bool whole,
             (*call)({Datagram::Direction::received, Clock::now(), from, {command, command + size}, false});
     }
 
+    if (code == static_cast<std::uint16_t>(Command::forceIp))
+        awaitLeft();
     Lock lock(mutex);
     const Time time = now();
     std::optional<Fault> fault;
@@ -231,6 +238,7 @@ std::uint32_t Camera::Impl::take(Buffers& buffers, std::size_t size, bool whole,
     if (answered != 0)
         transmit(socket, buffers.reply.data(), answered, from);
     if (reset) {
+        awaitLeft();
         lock.lock();
         powerCycle(Milliseconds(0));
     }
@@ -354,7 +362,23 @@ void Camera::Impl::powerCycle(Milliseconds off)
 void Camera::Impl::replace(Listener& listener, SocketPtr socket)
 {
     // Wakes its thread, which goes on with the new one.
+    std::erase_if(leaving_, [](const std::weak_ptr<DatagramSocket>& old) { return old.expired(); });
+    leaving_.push_back(listener.socket);
     std::exchange(listener.socket, std::move(socket))->close();
+}
+
+void Camera::Impl::awaitLeft() const
+{
+    constexpr std::uint32_t stepMs = 1, mostSteps = 1000;
+    for (std::uint32_t step = 0; step < mostSteps; ++step) {
+        {
+            const Lock lock(mutex);
+            if (std::all_of(leaving_.begin(), leaving_.end(),
+                            [](const std::weak_ptr<DatagramSocket>& old) { return old.expired(); }))
+                return;
+        }
+        sleepMs(stepMs);
+    }
 }
 
 bool Camera::Impl::moveTo(std::uint32_t ip, std::uint32_t mask, std::uint32_t gateway)

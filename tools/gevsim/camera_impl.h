@@ -39,6 +39,9 @@ public:
     void moveHeldToScheduled(std::size_t most, Time time);
     void moveReorderedToScheduled(Time time);
     void schedule(Outgoing outgoing);
+    /// Waits, a second at most, until sockets that were given up have given their addresses back. Without the lock,
+    /// before what may need such an address again.
+    void awaitLeft() const;
     void powerCycle(Milliseconds off);
     void setSilence(Time until);
 
@@ -103,6 +106,7 @@ private:
 
     const Config given_;
     std::vector<Listener> listeners_; ///< the camera's own first
+    std::vector<std::weak_ptr<zuPlatform::DatagramSocket>> leaving_;
     std::atomic<bool> stopping_{false};
     std::vector<std::thread> threads_;
 };

@@ -79,7 +79,6 @@ std::uint16_t Stream::configure(const StreamSetup& setup)
                 return port_;
             }
             socket->setSendBuffer(sendBuffer);
-            socket->setMulticastInterface(zuPlatform::hostToNetwork32(ip_));
             socket_ = std::move(socket);
             port_ = fromPlatform(bound).port;
         }

@@ -366,10 +366,11 @@ TEST_F(Streams, PacketsKeepTheirDelay)
 {
     single();
     viewer.write(reg::streamPacketDelay, 5000000);
+    const auto begin = Clock::now();
     viewer.start();
     const auto pieces = viewer.frame();
     ASSERT_EQ(pieces.size(), 7U);
-    EXPECT_GE(pieces.back().time - pieces.front().time, 30ms - 1ms) << "six times 5 ms";
+    EXPECT_GE(pieces.back().time - begin, 10ms + 30ms) << "the exposure, and six times 5 ms";
 }
 
 TEST(StreamSpeed, TheLinkIsNoFasterThanItSays)
@@ -381,10 +382,11 @@ TEST(StreamSpeed, TheLinkIsNoFasterThanItSays)
     Viewer viewer(camera);
     viewer.open(1400);
     viewer.write(feature::acquisitionMode, 1);
+    const auto begin = Clock::now();
     viewer.start();
     const auto pieces = viewer.frame();
     // 262144 bytes are 210 ms at ten megabits, less one batch that leaves at once.
-    EXPECT_GE(pieces.back().time - pieces.front().time, 160ms);
+    EXPECT_GE(pieces.back().time - begin, 170ms);
     EXPECT_EQ(camera.readRegister(reg::linkSpeed), 10U);
     EXPECT_EQ(payload(pieces), gevsim::payloadOf(camera.sentFrames().at(0)));
 }
