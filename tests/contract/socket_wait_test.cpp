@@ -42,6 +42,7 @@ public:
     {
         stop_ = true;
         thread_.join();
+        ::signal(SIGUSR1, SIG_IGN); // lets go of one that the target has not taken yet
         ::sigaction(SIGUSR1, &previous_, nullptr);
     }
     SignalStorm(const SignalStorm&) = delete;
