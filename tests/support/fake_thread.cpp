@@ -14,7 +14,6 @@ struct Record {
     bool granted = true;
     std::vector<std::shared_ptr<zuTest::FakeThreads::Named>> threads;
     std::vector<std::uint32_t> sleeps;
-    std::size_t yields = 0;
 };
 
 Record& record()
@@ -44,7 +43,6 @@ void reset()
     record().granted = true;
     record().threads.clear();
     record().sleeps.clear();
-    record().yields = 0;
 }
 
 void setGranted(bool granted)
@@ -67,12 +65,6 @@ std::size_t countSleeps(std::uint32_t ms)
 {
     const std::lock_guard<std::mutex> lock(record().mutex);
     return static_cast<std::size_t>(std::count(record().sleeps.begin(), record().sleeps.end(), ms));
-}
-
-std::size_t yields()
-{
-    const std::lock_guard<std::mutex> lock(record().mutex);
-    return record().yields;
 }
 
 } // namespace zuTest::FakeThreads
@@ -104,7 +96,7 @@ void yieldThread()
 {
     {
         const std::lock_guard<std::mutex> lock(record().mutex);
-        ++record().yields;
+        ++own().yields;
     }
     std::this_thread::yield();
 }

@@ -15,6 +15,7 @@ namespace zuTest::FakeThreads {
 struct Named {
     std::string name;
     std::vector<zuPlatform::ThreadPriority> priorities; ///< asked for on this thread, in order
+    std::size_t yields = 0;                             ///< how often it gave the processor to another
 };
 
 /// Forgets the record, and grants priorities. Threads of before stay outside the record.
@@ -26,8 +27,7 @@ void setGranted(bool granted);
 /// The threads that have named themselves.
 std::vector<Named> named();
 
-/// How often a thread slept for exactly this time, or gave the processor to another.
+/// How often a thread slept for exactly this time.
 std::size_t countSleeps(std::uint32_t ms);
-std::size_t yields();
 
 } // namespace zuTest::FakeThreads

@@ -207,8 +207,13 @@ TEST_F(DispatcherRefused, LeavesItsSpinForABufferWhenItIsShutDown)
     std::shared_ptr<CDispatcher::InstanceInfo> info;
     const std::uint64_t index = dispatcher->AddInstance(info);
     dispatcher->ReleaseInstance(index);
-    FakeSockets::pushDatagram(message(0, 0), {}, 1); // keeps the command thread's buffer
-    ASSERT_TRUE(eventually([] { return FakeThreads::yields() > 100; }));
+    // Each costs its thread the buffer, so that neither can leave one to the other at the end.
+    FakeSockets::pushDatagram(message(kMsgAck, 0), {}, 0);
+    FakeSockets::pushDatagram(message(0, 0), {}, 1);
+    ASSERT_TRUE(eventually([] {
+        const auto threads = FakeThreads::named();
+        return std::count_if(threads.begin(), threads.end(), [](const auto& one) { return one.yields > 50; }) == 2;
+    }));
     const EndsInTime end([&] {
         dispatcher->Shutdown();
         DispatcherProbe::join(*dispatcher);
