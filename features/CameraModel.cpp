@@ -16,14 +16,14 @@ using Reason = FeatureError::Reason;
 
 ArvGcFeatureNode* feature(const Node* node) { return ARV_GC_FEATURE_NODE(node->node); }
 
-std::string quotedEntries(const std::vector<Entry>& entries)
+std::string entriesText(const std::vector<Entry>& entries)
 {
     std::string text;
     for (const Entry& entry : entries) {
         if (entry.available)
             text += (text.empty() ? "" : ", ") + entry.name;
     }
-    return text.empty() ? "nothing" : text;
+    return text;
 }
 
 bool isReadable(Access access) { return access == Access::readOnly || access == Access::readWrite; }
@@ -186,6 +186,27 @@ std::string CameraModel::text(const std::string& name, const Value& value) const
     return valueText(value, notationOf(*description_.find(name)));
 }
 
+/// The register is read here: the interpreter would look for the end of a text that fills it beyond its memory.
+std::string CameraModel::textOf(const Step& step)
+{
+    const Node* holder = step.node;
+    while (!ARV_IS_GC_REGISTER(holder->node) && !holder->values.empty())
+        holder = description_.find(holder->values.front());
+    Failure failure;
+    std::string text;
+    if (ARV_IS_GC_REGISTER(holder->node)) {
+        auto* const reg = ARV_GC_REGISTER(holder->node);
+        text.resize(arv_gc_register_get_length(reg, failure.place()));
+        check(step, failure);
+        arv_gc_register_get(reg, text.data(), text.size(), failure.place());
+        text.resize(std::min(text.find('\0'), text.size()));
+    } else if (const char* const constant = arv_gc_string_get_value(ARV_GC_STRING(holder->node), failure.place())) {
+        text = constant;
+    }
+    check(step, failure);
+    return text;
+}
+
 Value CameraModel::valueOf(const Step& step)
 {
     Failure failure;
@@ -201,11 +222,9 @@ Value CameraModel::valueOf(const Step& step)
     case Kind::boolean:
         value = arv_gc_boolean_get_value(ARV_GC_BOOLEAN(node), failure.place()) != FALSE;
         break;
-    case Kind::text: {
-        const char* const text = arv_gc_string_get_value(ARV_GC_STRING(node), failure.place());
-        value = std::string(text != nullptr ? text : "");
+    case Kind::text:
+        value = textOf(step);
         break;
-    }
     case Kind::enumeration: {
         // The number first: the interpreter has no word for one that belongs to no entry.
         const std::int64_t number = arv_gc_enumeration_get_int_value(ARV_GC_ENUMERATION(node), failure.place());
@@ -316,10 +335,13 @@ State CameraModel::state(const std::string& name)
         state.access = accessOf(step);
         if (state.access == Access::notImplemented || state.access == Access::notAvailable)
             return;
-        if (kind == Kind::enumeration)
+        if (kind == Kind::enumeration) {
             state.entries = entriesOf(step);
-        else if (kind == Kind::integer || kind == Kind::real || kind == Kind::text)
+            state.allowed = entriesText(state.entries);
+        } else if (kind == Kind::integer || kind == Kind::real || kind == Kind::text) {
             readBounds(step, state);
+            state.allowed = boundsText(state, notationOf(*step.node));
+        }
         if (isReadable(state.access) && kind != Kind::command && kind != Kind::bytes) {
             state.value = valueOf(step);
             state.text = text(name, *state.value);
@@ -400,7 +422,8 @@ void CameraModel::setEntry(const Step& step, const Value& value)
             return check(step, failure);
         }
     }
-    refuseValue(step, valueText(value), quotedEntries(entries));
+    const std::string allowed = entriesText(entries);
+    refuseValue(step, valueText(value), allowed.empty() ? "nothing" : allowed);
 }
 
 void CameraModel::set(const std::string& name, const Value& value)

@@ -52,6 +52,7 @@ private:
     Access accessOf(const Step& step);
     void requireReadable(const Step& step);
     void requireWritable(const Step& step);
+    std::string textOf(const Step& step);
     Value valueOf(const Step& step);
     void readBounds(const Step& step, State& state);
     std::vector<Entry> entriesOf(const Step& step);

@@ -330,6 +330,8 @@ void Description::checkReferences()
                 node.defect = "it refers to '" + target + "', which the description doesn't have";
             else if (other->node != nullptr && !hasValue(other->node))
                 node.defect = "it refers to '" + target + "', which has no value";
+            else if (other->kind == Kind::text && node.kind != Kind::text)
+                node.defect = "it refers to '" + target + "', which is a text";
             usedBy_[target].push_back(name);
         }
         for (const std::string& target : node.invalidators)

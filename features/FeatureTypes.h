@@ -81,6 +81,7 @@ struct State {
     std::optional<Value> maximum;
     std::optional<Value> increment;
     std::vector<Entry> entries;
+    std::string allowed;                 ///< the bounds, or the available entries, as people write them
     std::optional<std::int64_t> longest; ///< most bytes of a text
     std::string problem;                 ///< why there is no value although access says that there should be one
 };

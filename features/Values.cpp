@@ -21,6 +21,19 @@ std::string shortest(Number value)
     return error == std::errc() ? std::string(text.data(), end) : std::string();
 }
 
+/// Without an exponent where people would write it so.
+template <typename Real>
+std::string plain(Real value)
+{
+    constexpr Real least = static_cast<Real>(1e-4);
+    constexpr Real most = static_cast<Real>(1e12);
+    std::array<char, 64> text{};
+    if (std::abs(value) < least || std::abs(value) >= most)
+        return shortest(value);
+    const auto [end, error] = std::to_chars(text.data(), text.data() + text.size(), value, std::chars_format::fixed);
+    return error == std::errc() ? std::string(text.data(), end) : shortest(value);
+}
+
 std::string trimmed(const std::string& text)
 {
     const std::size_t first = text.find_first_not_of(" \t");
@@ -74,8 +87,8 @@ std::string realText(double value)
     // A 32-bit register's number is written with no more digits than it has.
     const auto narrow = static_cast<float>(value);
     if (std::isfinite(narrow) && static_cast<double>(narrow) == value)
-        return shortest(narrow);
-    return shortest(value);
+        return plain(narrow);
+    return plain(value);
 }
 
 std::string valueText(const Value& value, Notation notation)

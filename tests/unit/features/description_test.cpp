@@ -126,6 +126,8 @@ TEST(DescriptionTest, faultsOfOneFeatureLeaveTheOthersUsable)
     EXPECT_THAT(faultOf(integer("A", "<pValue>Root</pValue>"), "A"),
                 HasSubstr("it refers to 'Root', which has no value"));
     EXPECT_THAT(faultOf(integer("A", "<pValue>Device</pValue>"), "A"), HasSubstr("which has no value"));
+    EXPECT_THAT(faultOf(integer("A", "<pValue>B</pValue>") + reg("B", 0x40, "RW", "StringReg", "", 8), "A"),
+                HasSubstr("it refers to 'B', which is a text"));
     EXPECT_THAT(faultOf(integer("A", "<pValue>B</pValue>") + integer("B", "<pValue>C</pValue>"), "A"),
                 HasSubstr("it depends on 'B': it refers to 'C'"));
     for (const char* const length : {"0", "-5", "0x7fffffffffff", "65537", "x", ""})

@@ -3,6 +3,8 @@
 
 #include <gmock/gmock.h>
 
+#include <cmath>
+
 namespace {
 
 using namespace zuGevFeatures;
@@ -69,6 +71,12 @@ TEST_F(FeaturesTest, everyKindIsReadAndSet)
     EXPECT_EQ(features->real("Gain"), 1.5);
     EXPECT_TRUE(features->boolean("Mirror"));
     EXPECT_EQ(features->getText("Gain"), "1.5");
+    for (const auto& [value, text] : std::vector<std::pair<float, const char*>>{
+             {1000000.0F, "1000000"}, {0.1F, "0.1"}, {1e-9F, "1e-09"}, {1e20F, "1e+20"}, {0.0F, "0"}}) {
+        port->setFloat(0x14, value);
+        EXPECT_EQ(features->getText("Gain"), text);
+    }
+    port->setFloat(0x14, 1.5F);
     EXPECT_EQ(errorOf([&] { features->integer("Gain"); }).reason(), Reason::wrongKind);
 
     features->set("Width", 640);
@@ -164,6 +172,7 @@ TEST_F(FeaturesTest, refusalsNameFeatureValueAndWhatIsAllowed)
             "a text of at most 8 bytes");
     EXPECT_EQ(port->word(0x10), 0u);
 
+    EXPECT_EQ(features->state("Format").allowed, "A, B");
     EXPECT_EQ(errorOf([&] { features->set("Gain", std::nan("")); }).reason(), Reason::badValue);
     EXPECT_STREQ(errorOf([&] { features->setText("Width", "wide"); }).what(),
                  "Width can't be set to 'wide': allowed is 16 to 640 in steps of 4");
@@ -203,6 +212,7 @@ TEST_F(FeaturesTest, accessAndBoundsFollowOtherFeatures)
              integer("Never", "<Value>0</Value>"));
     port->setWord(0x10, 320);
     EXPECT_EQ(*features->state("Left").maximum, Value(std::int64_t{320}));
+    EXPECT_EQ(features->state("Left").allowed, "0 to 320");
     features->set("Left", 300);
     EXPECT_EQ(*features->state("Width").maximum, Value(std::int64_t{340}));
     EXPECT_EQ(errorOf([&] { features->set("Width", 640); }).allowed(), "16 to 340 in steps of 4");
@@ -245,6 +255,19 @@ TEST_F(FeaturesTest, writtenAsTheDescriptionWritesNumbers)
     EXPECT_EQ(port->word(0x10), 0xFFFFFFFFu);
     EXPECT_EQ(errorOf([&] { features->setText("Ip", "10.0.0"); }).reason(), Reason::badValue);
     EXPECT_EQ(errorOf([&] { features->setText("Ip", "10.0.0.256"); }).reason(), Reason::badValue);
+}
+
+TEST_F(FeaturesTest, textsThatFillTheirRegister)
+{
+    open("Text Outer Fixed", reg("Text", 0x40, "RW", "StringReg", "", 8) +
+                                 "<String Name=\"Outer\"><pValue>Text</pValue></String>"
+                                 "<String Name=\"Fixed\"><Value>always</Value></String>");
+    port->setBytes(0x40, "12345678and more");
+    EXPECT_EQ(features->getText("Text"), "12345678");
+    EXPECT_EQ(features->getText("Outer"), "12345678");
+    features->set("Outer", "abc");
+    EXPECT_EQ(features->getText("Text"), "abc");
+    EXPECT_EQ(features->getText("Fixed"), "always");
 }
 
 TEST_F(FeaturesTest, fourBytesGoAsRegistersAndNothingIsReadTwice)
