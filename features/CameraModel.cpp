@@ -52,6 +52,8 @@ CameraModel::Step CameraModel::begin(const std::string& name, const std::string&
 {
     const Node& node = require(name);
     const std::string defect = description_.defectOf(name);
+    if (description_.isElsewhere(name))
+        throw FeatureError(Reason::notAvailable, name, name + " " + doing + ": " + defect);
     if (!defect.empty())
         throw FeatureError(Reason::description, name,
                            name + " can't be used, by a fault of the camera's description: " + defect);
@@ -330,6 +332,8 @@ State CameraModel::state(const std::string& name)
         state.access = Access::readOnly;
         return state;
     }
+    if (description_.isElsewhere(name))
+        return state;
     state.problem = problemOf([&] {
         const Step step = begin(name, "can't be read");
         state.access = accessOf(step);

@@ -20,6 +20,7 @@ constexpr int deepestReferences = 100;            ///< of a chain of references
 constexpr std::uint64_t mostEvaluations = 200000; ///< of nodes, for one look at one feature
 constexpr std::uint64_t converterFactor = 4; ///< a converter's bounds ask for both bounds below it, and convert each
 constexpr std::uint64_t longestRegister = 65536;
+constexpr const char* elsewhere = "it comes with pictures or events, not out of the camera's registers";
 
 std::string textOf(ArvDomNode* element)
 {
@@ -278,7 +279,7 @@ void Description::collectProperties(ArvDomNode* element, Node& node, int depth)
         } else if (tag == "pPort") {
             node.port = text;
         } else if (tag == "ChunkID" || tag == "EventID") {
-            node.defect = "it comes with pictures or events, not out of the camera's registers";
+            node.defect = elsewhere;
         } else if (isReference(tag)) {
             node.evaluated.push_back(text);
             if (!concernsLimits(tag))
@@ -474,6 +475,11 @@ std::string Description::defectOf(const std::string& name) const
     }
     asked->fault = std::string();
     return {};
+}
+
+bool Description::isElsewhere(const std::string& name) const
+{
+    return defectOf(name).find(elsewhere) != std::string::npos;
 }
 
 std::vector<std::string> Description::dependents(const std::string& name) const

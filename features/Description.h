@@ -47,6 +47,8 @@ public:
 
     /// Why the feature can't be used, taking in all that it depends on; empty if it can.
     std::string defectOf(const std::string& name) const;
+    /// Whether that is because it comes with pictures or events, and not out of the camera's registers.
+    bool isElsewhere(const std::string& name) const;
     /// Listed features that may change when this one is set, in the order of the list, without itself.
     std::vector<std::string> dependents(const std::string& name) const;
     /// Names that look like this one.

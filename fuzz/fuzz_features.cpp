@@ -1,5 +1,5 @@
-// A description as it is fetched, unzipped, read and used: a camera whose memory is the input. Whatever stands there, it
-// ends soon, in features or in a FeatureError.
+// A description as it is fetched, unzipped, read and used: a camera whose memory is the input. Whatever stands there,
+// it ends soon, in features or in a FeatureError.
 #include "features/Features.h"
 #include "fuzz_input.h"
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <iterator>
 
 namespace gevctl {
 
@@ -41,6 +42,8 @@ int run(const Options& options, const Surroundings& around)
     } catch (const zuGevClient::CameraError& error) {
         const std::int32_t status = error.status();
         return complain(options, around, exitCamera, "camera", error.what(), &status);
+    } catch (const zuGevFeatures::FeatureError& error) {
+        return complain(options, around, exitFeature, "feature", error.what());
     } catch (const Interrupted& error) {
         return complain(options, around, exitFailure, "interrupted", error.what());
     } catch (const std::exception& error) {
@@ -92,6 +95,21 @@ void store(const std::string& file, const std::vector<std::uint8_t>& bytes, cons
     out.close();
     if (!out)
         throw std::runtime_error("The file '" + file + "' could not be written");
+}
+
+std::vector<std::uint8_t> load(const std::string& file, const Surroundings& around)
+{
+    std::ifstream named;
+    if (file != "-") {
+        named.open(file, std::ios::binary);
+        if (!named)
+            throw std::runtime_error("The file '" + file + "' could not be opened");
+    }
+    std::istream& in = file == "-" ? around.in : named;
+    std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    if (in.bad())
+        throw std::runtime_error("The file '" + file + "' could not be read");
+    return bytes;
 }
 
 void print(const Surroundings& around, const Json& json)

@@ -45,6 +45,14 @@ void runWatch(const Options& options, const Surroundings& around);
 void runTimeouts(const Options& options, const Surroundings& around);
 void runStatus(const Options& options, const Surroundings& around);
 void runCheck(const Options& options, const Surroundings& around);
+void runFeatureList(const Options& options, const Surroundings& around);
+void runFeatureGet(const Options& options, const Surroundings& around);
+void runFeatureSet(const Options& options, const Surroundings& around);
+void runFeatureRun(const Options& options, const Surroundings& around);
+void runFeatureDescribe(const Options& options, const Surroundings& around);
+void runFeatureSave(const Options& options, const Surroundings& around);
+void runFeatureLoad(const Options& options, const Surroundings& around);
+void runFeatureComplete(const Options& options, const Surroundings& around);
 
 /// A connection to the camera of the options, tuned, and linked if they say so.
 zuGevClient::Connection connect(const Options& options);
@@ -55,6 +63,9 @@ std::vector<std::uint8_t> fetch(zuGevClient::Connection& connection, std::uint32
 
 /// To the file, or to standard output for "-" and "". Throws std::runtime_error.
 void store(const std::string& file, const std::vector<std::uint8_t>& bytes, const Surroundings& around);
+
+/// From the file, or from standard input for "-". Throws std::runtime_error.
+std::vector<std::uint8_t> load(const std::string& file, const Surroundings& around);
 
 void print(const Surroundings& around, const Json& json);
 

@@ -5,8 +5,6 @@
 #include "tools/gevctl/progress.h"
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 
 namespace gevctl {
 
@@ -19,21 +17,6 @@ constexpr std::size_t largestDescription = 64u << 20;
 Json registerJson(std::uint32_t address, std::uint32_t value)
 {
     return Json{{"address", hex32(address)}, {"value", value}, {"hex", hex32(value)}};
-}
-
-std::vector<std::uint8_t> load(const std::string& file, const Surroundings& around)
-{
-    std::ifstream named;
-    if (file != "-") {
-        named.open(file, std::ios::binary);
-        if (!named)
-            throw std::runtime_error("The file '" + file + "' could not be opened");
-    }
-    std::istream& in = file == "-" ? around.in : named;
-    std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    if (in.bad())
-        throw std::runtime_error("The file '" + file + "' could not be read");
-    return bytes;
 }
 
 } // namespace

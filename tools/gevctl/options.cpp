@@ -2,6 +2,7 @@
 #include "tools/gevctl/options.h"
 
 #include "tools/gevctl/commands.h"
+#include "tools/gevctl/feature_view.h"
 #include "tools/gevctl/numbers.h"
 
 #include <CLI/CLI.hpp>
@@ -64,12 +65,13 @@ public:
         app_.fallthrough();
         app_.add_flag("--json", options_.json, "Print results, and errors, as JSON");
         app_.add_flag("-q,--quiet", options_.quiet, "No progress bar and no remarks");
-        app_.footer("Numbers are decimal, or hexadecimal with 0x in front.\n"
-                    "Exit status: 0 success, 1 other failure, 2 usage, 3 no daemon, 4 camera error.\n"
-                    "\nExamples:\n"
-                    "  gevctl discover\n"
-                    "  gevctl info -c 192.168.7.20\n"
-                    "  gevctl --help-all");
+        app_.footer(
+            "Numbers are decimal, or hexadecimal with 0x in front.\n"
+            "Exit status: 0 success, 1 other failure, 2 usage, 3 no daemon, 4 camera error, 5 feature refused.\n"
+            "\nExamples:\n"
+            "  gevctl discover\n"
+            "  gevctl info -c 192.168.7.20\n"
+            "  gevctl --help-all");
         app_.set_help_all_flag("--help-all", "Print the help of all commands and exit");
         discover();
         info();
@@ -79,6 +81,7 @@ public:
         watch();
         timeouts();
         status();
+        features();
     }
 
     Parsed parse(std::vector<std::string> arguments)
@@ -334,6 +337,92 @@ private:
             app_, "check", "Link a camera, check the link, and give it back", runCheck,
             [this] { orElse(LinkMode::control()); }, "  gevctl check -c 192.168.7.20 -a exclusive");
         cameraOptions(check, true, "control");
+    }
+
+    void features()
+    {
+        CLI::App* const group =
+            app_.add_subcommand("feature", "Read, set and run a camera's features by the names of its description");
+        group->require_subcommand(1);
+        CLI::App* const list = command(
+            *group, "list", "List the features with their values, by category", runFeatureList, [] {},
+            "  gevctl feature list -c 192.168.7.20\n"
+            "  gevctl feature list -c 192.168.7.20 --visibility guru --json");
+        cameraOptions(list, true, {});
+        text(
+            list, "--visibility", "beginner (default), expert, guru or invisible; each lists more",
+            [this](const std::string& value) {
+                const auto visibility = parseVisibility(value);
+                if (!visibility)
+                    throw CLI::ValidationError("--visibility",
+                                               "'" + value + "' is none of beginner, expert, guru, invisible");
+                options_.visibility = *visibility;
+            },
+            "LEVEL");
+
+        CLI::App* const get = command(
+            *group, "get", "Print the values of features", runFeatureGet, [] {},
+            "  gevctl feature get -c 192.168.7.20 ExposureTime\n"
+            "  gevctl feature get -c 192.168.7.20 Width Height PixelFormat --json");
+        cameraOptions(get, true, {});
+        names(get, "NAME", "Names of features");
+
+        CLI::App* const set = command(
+            *group, "set", "Set features, in the given order, and print what they came to", runFeatureSet,
+            [this] {
+                for (const std::string& word : options_.features) {
+                    if (word.find('=') == std::string::npos || word.front() == '=')
+                        throw CLI::ValidationError("feature set", "'" + word + "' is no NAME=VALUE");
+                }
+                orElse(LinkMode::control());
+            },
+            "  gevctl feature set -c 192.168.7.20 ExposureTime=5000 PixelFormat=Mono16");
+        cameraOptions(set, true, "control");
+        names(set, "NAME=VALUE", "Features with their new values");
+
+        CLI::App* const run = command(
+            *group, "run", "Run commands of the camera, one after the other", runFeatureRun,
+            [this] { orElse(LinkMode::control()); }, "  gevctl feature run -c 192.168.7.20 AcquisitionStart");
+        cameraOptions(run, true, "control");
+        names(run, "NAME", "Names of commands");
+        text(
+            run, "--for", "How long to wait for the end of each, in milliseconds (default: 5000); 0 does not wait",
+            [this](const std::string& value) { options_.durationMs = number(value, "--for"); }, "MS");
+
+        CLI::App* const describe = command(
+            *group, "describe", "Tell everything about features", runFeatureDescribe, [] {},
+            "  gevctl feature describe -c 192.168.7.20 ExposureTime");
+        cameraOptions(describe, true, {});
+        names(describe, "NAME", "Names of features");
+
+        CLI::App* const save = command(
+            *group, "save", "Save all values, those behind selectors included, as JSON", runFeatureSave,
+            [this] { orElse(LinkMode::control()); },
+            "  gevctl feature save -c 192.168.7.20 -o camera.json\n"
+            "  gevctl feature save -c 192.168.7.20 -a monitor     without moving selectors");
+        cameraOptions(save, true, "control");
+        save->add_option("-o,--output", options_.file, "File to write to; default and -: standard output")
+            ->type_name("FILE");
+
+        CLI::App* const load = command(
+            *group, "load", "Set what was saved, in an order that works", runFeatureLoad,
+            [this] { orElse(LinkMode::control()); }, "  gevctl feature load -c 192.168.7.20 camera.json");
+        cameraOptions(load, true, "control");
+        load->add_option("file", options_.file, "File that was saved; - for standard input")
+            ->type_name("FILE")
+            ->required();
+
+        CLI::App* const complete = command(
+            *group, "complete", "Print what the shell completes: names, or for NAME= its entries", runFeatureComplete,
+            [] {}, "  gevctl feature complete -c 192.168.7.20 PixelFormat=");
+        complete->group(""); // not in the help
+        cameraOptions(complete, true, {});
+        complete->add_option("word", options_.features, "NAME=")->expected(0, 1);
+    }
+
+    void names(CLI::App* sub, const char* type, const char* help)
+    {
+        sub->add_option("names", options_.features, help)->type_name(type)->required();
     }
 
     CLI::App app_{"Talks to GigE Vision cameras through the daemon of this machine.", "gevctl"};

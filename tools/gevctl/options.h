@@ -2,6 +2,7 @@
 #pragma once
 
 #include "client/GevClient.h"
+#include "features/FeatureTypes.h"
 
 #include <cstdint>
 #include <optional>
@@ -17,11 +18,15 @@ enum ExitCode : int {
     exitUsage = 2,    ///< the command line
     exitNoDaemon = 3, ///< none is running, or it went away
     exitCamera = 4,   ///< the camera refused or did not answer
+    exitFeature = 5,  ///< no such feature, a value that it doesn't take now, or a description at fault
 };
 
 struct Options;
 struct Surroundings;
 using Command = void (*)(const Options& options, const Surroundings& around);
+
+/// How long a command of a camera is waited for, if nothing else is said.
+inline constexpr std::uint32_t defaultCommandWaitMs = 5000;
 
 struct Options {
     Command command = nullptr; ///< one of those in commands.h
@@ -51,7 +56,10 @@ struct Options {
     bool raw = false;
     bool urlOnly = false;
 
-    std::optional<std::uint32_t> durationMs; ///< of watch; for ever if not given
+    std::optional<std::uint32_t> durationMs; ///< of watch, for ever if not given; of a feature's run
+
+    std::vector<std::string> features; ///< names, or NAME=VALUE
+    zuGevFeatures::Visibility visibility = zuGevFeatures::Visibility::beginner;
 };
 
 /// Either options, or what to print and the exit code: help goes to standard output with 0, a complaint to standard

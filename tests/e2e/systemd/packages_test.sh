@@ -84,6 +84,8 @@ complete_with() { bash -c 'source "$1"; COMP_WORDS=("${@:3}"); COMP_CWORD=$((${#
     bash "$prefix/share/bash-completion/completions/$1" "_$1" "$@"; }
 [ "$(complete_with gevctl tim)" = timeouts ] || fail "no completion of a command: $(complete_with gevctl tim)"
 [ "$(complete_with gevctl mem r)" = read ] || fail "no completion of a second word"
+[ "$(complete_with gevctl feature de)" = describe ] || fail "no completion of a feature's command"
+[ "$(complete_with gevctl --visibility g)" = guru ] || fail "no completion of a visibility"
 [ "$(complete_with gevctl -a ex)" = exclusive ] || fail "no completion of a value"
 [ "$(complete_with zuGevSvc --inst)" = --install ] || fail "no completion of an option"
 

@@ -156,6 +156,26 @@ TEST(DescriptionTest, faultsOfOneFeatureLeaveTheOthersUsable)
     EXPECT_EQ(features->save().problems.size(), 1u);
 }
 
+TEST(DescriptionTest, whatComesWithPicturesIsNotAvailable)
+{
+    const auto features = openFeatures(
+        std::make_shared<MemoryPort>(),
+        describe("Frame B", integer("Frame", "<pValue>FrameReg</pValue>") +
+                                "<IntReg Name=\"FrameReg\"><Address>0</Address><Length>4</Length><pPort>Chunk</pPort>"
+                                "</IntReg><Port Name=\"Chunk\"><ChunkID>1234</ChunkID></Port>" +
+                                integer("B", "<Value>7</Value>")));
+    EXPECT_EQ(features->state("Frame").access, Access::notAvailable);
+    EXPECT_EQ(features->state("Frame").problem, "");
+    try {
+        features->get("Frame");
+        FAIL();
+    } catch (const FeatureError& error) {
+        EXPECT_EQ(error.reason(), Reason::notAvailable);
+        EXPECT_THAT(error.what(), HasSubstr("it comes with pictures or events"));
+    }
+    EXPECT_TRUE(features->save().problems.empty());
+}
+
 TEST(DescriptionTest, whatIsNoDescriptionIsRefusedAtEachByte)
 {
     const std::string whole =

@@ -10,7 +10,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <thread>
 
@@ -356,6 +359,115 @@ TEST_F(GevctlTest, discoverByAddress)
     EXPECT_EQ(out, "");
     EXPECT_EQ(err, "No camera has answered.\n");
     EXPECT_EQ(gevctl("discover -i no-such-interface"), exitFailure);
+}
+
+TEST_F(GevctlTest, featuresAreListedAsATreeAndAsJson)
+{
+    EXPECT_EQ(gevctl("feature list -c CAMERA"), 0) << err;
+    EXPECT_THAT(out, AllOf(HasSubstr("\nImageFormatControl\n"), HasSubstr("\n  Width "),
+                           HasSubstr("  16 to 640 in steps of 4\n"), HasSubstr("  Mono8, Mono10, "),
+                           HasSubstr("  (command)\n"), HasSubstr("(read only)\n"), HasSubstr(" 10000 us ")));
+    EXPECT_EQ(gevctl("feature list -c CAMERA --json"), 0);
+    std::map<std::string, NlohmannJson> byName;
+    const NlohmannJson listed = json();
+    for (const auto& feature : listed["features"])
+        byName[feature["name"]] = feature;
+    EXPECT_EQ(byName["Width"]["value"], 640);
+    EXPECT_EQ(byName["Width"]["maximum"], 640);
+    EXPECT_EQ(byName["Width"]["category"], "ImageFormatControl");
+    EXPECT_EQ(byName["ExposureTime"]["unit"], "us");
+    EXPECT_EQ(byName["PixelFormat"]["entries"][0]["name"], "Mono8");
+    EXPECT_EQ(byName["AcquisitionStart"]["kind"], "command");
+    EXPECT_EQ(camera.writesTo(gevsim::reg::ccp).size(), 0u); // looking takes no control
+}
+
+TEST_F(GevctlTest, featuresAreReadAndSet)
+{
+    EXPECT_EQ(gevctl("feature set -c CAMERA ExposureTime=5000 PixelFormat=Mono16"), 0) << err;
+    EXPECT_THAT(out, AllOf(StartsWith("ExposureTime: 5000 us\n"), HasSubstr("\nPixelFormat: Mono16\n"),
+                           HasSubstr("\n  PayloadSize: 307200 -> 614400\n")));
+    EXPECT_EQ(camera.readRegister(gevsim::feature::pixelFormat), 0x01100007u);
+    EXPECT_EQ(camera.readRegister(gevsim::reg::ccp), 0u); // given back
+    EXPECT_EQ(gevctl("feature get -c CAMERA ExposureTime"), 0);
+    EXPECT_EQ(out, "5000 us\n");
+    EXPECT_EQ(gevctl("feature get -c CAMERA ExposureTime PixelFormat"), 0);
+    EXPECT_EQ(out, "ExposureTime: 5000 us\nPixelFormat: Mono16\n");
+    EXPECT_EQ(gevctl("feature get -c CAMERA Width --json"), 0);
+    EXPECT_EQ(json()["features"][0]["value"], 640);
+    EXPECT_EQ(gevctl("feature set -c CAMERA Width=320 --json"), 0);
+    EXPECT_EQ(json()["set"][0]["value"], 320);
+    EXPECT_THAT(json()["set"][0]["changes"].dump(), HasSubstr("\"PayloadSize\""));
+    EXPECT_EQ(gevctl("feature run -c CAMERA AcquisitionStart"), 0);
+    EXPECT_EQ(out, "AcquisitionStart: done\n");
+    EXPECT_EQ(camera.readRegister(gevsim::feature::acquisitionStatus), 1u);
+    EXPECT_EQ(gevctl("feature describe -c CAMERA PixelFormat"), 0);
+    EXPECT_THAT(out, AllOf(StartsWith("PixelFormat\n"), HasSubstr("  entry:        Mono8 (17301505)\n")));
+}
+
+TEST_F(GevctlTest, aRefusedFeatureIsFiveAndSaysWhatIsAllowed)
+{
+    EXPECT_EQ(gevctl("feature set -c CAMERA Width=99999"), exitFeature);
+    EXPECT_EQ(err, "gevctl: Width can't be set to 99999: allowed is 16 to 640 in steps of 4\n");
+    EXPECT_EQ(gevctl("feature get -c CAMERA Widht --json"), exitFeature);
+    EXPECT_EQ(NlohmannJson::parse(err)["error"]["kind"], "feature");
+    EXPECT_EQ(gevctl("feature set -c CAMERA -a monitor Width=320"), exitCamera);
+    EXPECT_THAT(err, HasSubstr("nobody holds the camera"));
+    stop = true;
+    EXPECT_EQ(gevctl("feature list -c CAMERA"), exitFailure);
+    EXPECT_EQ(err, "gevctl: Interrupted\n");
+}
+
+TEST_F(GevctlTest, whatTheCameraRoundsIsTold)
+{
+    // The camera keeps whole hundreds.
+    camera.onCommand([&](const gevsim::Datagram&) {
+        if (camera.readRegister(gevsim::feature::testValue) % 100 != 0)
+            camera.writeRegister(gevsim::feature::testValue, 100);
+    });
+    EXPECT_EQ(gevctl("feature set -c CAMERA TestValue=123"), 0) << err;
+    EXPECT_EQ(out, "TestValue: 100, which the camera made of 123\n");
+    camera.onCommand({});
+}
+
+TEST_F(GevctlTest, featuresAreSavedAndLoadedAfterAPowerCycle)
+{
+    EXPECT_EQ(gevctl("feature set -c CAMERA ExposureTime=5000 PixelFormat=Mono16 Width=320"), 0) << err;
+    EXPECT_EQ(gevctl("feature save -c CAMERA -o " + file("saved.json")), 0) << err;
+    EXPECT_THAT(out, HasSubstr(" values written to "));
+    camera.powerCycle();
+    EXPECT_EQ(camera.readRegister(gevsim::feature::width), 640u);
+    EXPECT_EQ(gevctl("feature load -c CAMERA " + file("saved.json")), 0) << err;
+    EXPECT_THAT(out, HasSubstr(" values stand as they were saved\n"));
+    EXPECT_EQ(camera.readRegister(gevsim::feature::width), 320u);
+    EXPECT_EQ(camera.readRegister(gevsim::feature::pixelFormat), 0x01100007u);
+    EXPECT_EQ(gevctl("feature save -c CAMERA"), 0);
+    EXPECT_EQ(json()["format"], "zugev-features");
+    in =
+        R"({"format":"zugev-features","version":1,"features":[{"name":"Width","value":7},{"name":"Height","value":100}]})";
+    EXPECT_EQ(gevctl("feature load -c CAMERA -"), exitFeature);
+    EXPECT_THAT(err, HasSubstr("Width can't be set to 7: allowed is 16 to 640"));
+    EXPECT_EQ(camera.readRegister(gevsim::feature::height), 100u);
+    in = "{}";
+    EXPECT_EQ(gevctl("feature load -c CAMERA -"), exitFeature);
+}
+
+TEST_F(GevctlTest, namesAndEntriesAreCompletedFromACache)
+{
+    ASSERT_EQ(setenv("XDG_CACHE_HOME", folder.path().c_str(), 1), 0);
+    EXPECT_EQ(gevctl("feature complete -c CAMERA"), 0) << err;
+    EXPECT_THAT(out, AllOf(HasSubstr("\nWidth\n"), HasSubstr("\nPixelFormat\n")));
+    const auto described = [&] { return camera.commands(gevsim::Command::readMem, gevsim::region::xml).size(); };
+    EXPECT_EQ(described(), 1u);
+    EXPECT_EQ(gevctl("feature complete -c CAMERA PixelFormat="), 0) << err;
+    EXPECT_THAT(out, AllOf(StartsWith("Mono8\n"), HasSubstr("\nMono16\n")));
+    EXPECT_EQ(gevctl("feature complete -c CAMERA ReverseX="), 0);
+    EXPECT_EQ(out, "true\nfalse\n");
+    EXPECT_EQ(described(), 1u); // only the first has fetched it
+    for (const auto& cached : std::filesystem::directory_iterator(folder.path() / "zugevsvc"))
+        std::filesystem::resize_file(cached.path(), 100);
+    EXPECT_EQ(gevctl("feature complete -c CAMERA ReverseX="), 0);
+    EXPECT_EQ(described(), 2u);
+    unsetenv("XDG_CACHE_HOME");
 }
 
 } // namespace
