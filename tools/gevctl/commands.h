@@ -1,7 +1,7 @@
 // What gevctl does, once it knows what was asked for.
 #pragma once
 
-#include "tools/gevctl/bootstrap.h"
+#include "tools/gevctl/camera_text.h"
 #include "tools/gevctl/options.h"
 
 #include <atomic>
@@ -53,6 +53,20 @@ void runFeatureDescribe(const Options& options, const Surroundings& around);
 void runFeatureSave(const Options& options, const Surroundings& around);
 void runFeatureLoad(const Options& options, const Surroundings& around);
 void runFeatureComplete(const Options& options, const Surroundings& around);
+void runIpList(const Options& options, const Surroundings& around);
+void runIpForce(const Options& options, const Surroundings& around);
+void runIpShow(const Options& options, const Surroundings& around);
+void runIpPersistent(const Options& options, const Surroundings& around);
+void runIpDhcp(const Options& options, const Surroundings& around);
+void runIpLinkLocal(const Options& options, const Surroundings& around);
+void runIpName(const Options& options, const Surroundings& around);
+
+/// The discovery that the options ask for.
+std::vector<zuGevClient::FoundCamera> search(const Options& options, const Surroundings& around);
+
+/// Tells on standard error, unless that is to be quiet, which cameras don't fit and how to mend it, or that there is
+/// none.
+void remarkOn(const std::vector<zuGevClient::FoundCamera>& found, const Options& options, const Surroundings& around);
 
 /// A connection to the camera of the options, tuned, and linked if they say so.
 zuGevClient::Connection connect(const Options& options);

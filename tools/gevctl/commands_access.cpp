@@ -1,4 +1,5 @@
 // Commands that read and write: registers, memory, the description.
+#include "client/Bootstrap.h"
 #include "genicam/DescriptionFile.h"
 #include "tools/gevctl/commands.h"
 #include "tools/gevctl/numbers.h"
@@ -118,7 +119,8 @@ void runXml(const Options& options, const Surroundings& around)
     Connection connection = connect(options);
     zuGenICam::Location location = zuGenICam::locate(
         [&](std::uint32_t address, void* to, std::size_t size) { connection.readMemory(address, to, size); });
-    location.url = cleanText(reinterpret_cast<const std::uint8_t*>(location.url.data()), location.url.size());
+    location.url =
+        zuGevClient::cleanText(reinterpret_cast<const std::uint8_t*>(location.url.data()), location.url.size());
     if (options.urlOnly) {
         if (options.json)
             print(around, Json{{"url", location.url}});

@@ -1,6 +1,5 @@
 // Commands about a camera as a whole: discovery, identity, state, timeouts, events.
 #include "tools/gevctl/commands.h"
-#include "tools/gevctl/discovery.h"
 #include "tools/gevctl/numbers.h"
 
 #include "platform/clock.h"
@@ -49,36 +48,31 @@ void addOptional(Json& json, const char* name, Connection& connection, std::uint
 
 void runDiscover(const Options& options, const Surroundings& around)
 {
-    const auto found = discover({options.interfaces, options.unicastTargets, options.waitMs}, around.stop);
+    const auto found = search(options, around);
     if (options.json) {
         Json cameras = Json::array();
-        for (const Found& camera : found) {
-            Json entry{{"address", zuGevClient::toString(camera.from)}, {"interface", camera.interface}};
-            entry.update(toJson(camera.bootstrap));
-            cameras.push_back(std::move(entry));
-        }
+        for (const zuGevClient::FoundCamera& camera : found)
+            cameras.push_back(toJson(camera, found));
         print(around, Json{{"cameras", std::move(cameras)}});
         return;
     }
-    for (const Found& camera : found) {
-        const Bootstrap& b = camera.bootstrap;
-        around.out << zuGevClient::toString(zuGevClient::Endpoint{camera.from.address, 0}) << "  " << b.mac << "  "
-                   << b.manufacturer << "  " << b.model << "  " << b.serial;
-        if (!b.userName.empty())
-            around.out << "  \"" << b.userName << '"';
-        if (!camera.interface.empty())
-            around.out << "  (" << camera.interface << ')';
+    for (const zuGevClient::FoundCamera& camera : found) {
+        const zuGevClient::CameraInfo& info = camera.info;
+        around.out << addressText(camera.from.address) << "  " << zuGevClient::toString(info.mac) << "  "
+                   << info.manufacturer << "  " << info.model << "  " << info.serialNumber;
+        if (!info.userName.empty())
+            around.out << "  \"" << info.userName << '"';
+        if (!camera.seenOn.name.empty())
+            around.out << "  (" << camera.seenOn.name << ')';
         around.out << '\n';
     }
-    if (found.empty() && !options.quiet)
-        around.err << "No camera has answered." << std::endl;
+    remarkOn(found, options, around);
 }
 
 void runInfo(const Options& options, const Surroundings& around)
 {
     Connection connection = connect(options);
-    const auto bytes = readBootstrap(connection);
-    Json info = toJson(decodeBootstrap(bytes.data(), bytes.size()).value());
+    Json info = toJson(zuGevClient::readCameraInfo(connection));
     addOptional(info, "messageChannels", connection, messageChannelsRegister, false);
     addOptional(info, "streamChannels", connection, streamChannelsRegister, false);
     addOptional(info, "gvcpCapability", connection, gvcpCapabilityRegister, true);

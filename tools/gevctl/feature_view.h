@@ -2,7 +2,7 @@
 #pragma once
 
 #include "features/Features.h"
-#include "tools/gevctl/bootstrap.h"
+#include "tools/gevctl/camera_text.h"
 
 #include <optional>
 #include <ostream>

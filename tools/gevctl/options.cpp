@@ -38,6 +38,31 @@ zuGevClient::Endpoint endpoint(const std::string& text, const std::string& what,
     return *value;
 }
 
+std::uint32_t ipAddress(const std::string& text, const std::string& what)
+{
+    const auto value = zuGevClient::parseEndpoint(text, 0);
+    if (!value || value->port != 0)
+        throw CLI::ValidationError(what, "'" + text + "' is no IPv4 address");
+    return value->address;
+}
+
+/// "a.b.c.d", with "/24" or "/255.255.255.0" behind it or without.
+zuGevClient::IpAddress ipWithSubnet(const std::string& text)
+{
+    const std::size_t slash = text.find('/');
+    zuGevClient::IpAddress ip;
+    ip.address = ipAddress(text.substr(0, slash), "ADDRESS");
+    if (slash == std::string::npos)
+        return ip;
+    const std::string behind = text.substr(slash + 1);
+    const auto bits = parseNumber(behind, 32);
+    if (bits && *bits != 0)
+        ip.subnetMask = static_cast<std::uint32_t>(most32 << (32 - *bits));
+    else
+        ip.subnetMask = ipAddress(behind, "ADDRESS");
+    return ip;
+}
+
 LinkMode linkMode(const std::string& text)
 {
     if (text == "monitor")
@@ -82,6 +107,7 @@ public:
         timeouts();
         status();
         features();
+        ip();
     }
 
     Parsed parse(std::vector<std::string> arguments)
@@ -157,10 +183,12 @@ private:
             "  gevctl discover\n"
             "  gevctl discover -i eth1 --wait 2000\n"
             "  gevctl discover --address 10.0.0.17 --json");
-        sub->add_option("-i,--interface", options_.interfaces,
-                        "Only on this interface, by name or address; may be repeated. Default: all but loopback")
-            ->type_name("NAME|IP")
-            ->allow_extra_args(false);
+        discoveryOptions(sub);
+    }
+
+    void discoveryOptions(CLI::App* sub)
+    {
+        interfaceOption(sub);
         sub->add_option_function<std::vector<std::string>>(
                "--address",
                [this](const std::vector<std::string>& values) {
@@ -170,6 +198,19 @@ private:
                "Ask this address, also beyond the local network; may be repeated")
             ->type_name("IP[:PORT]")
             ->allow_extra_args(false);
+        waitOption(sub);
+    }
+
+    void interfaceOption(CLI::App* sub)
+    {
+        sub->add_option("-i,--interface", options_.interfaces,
+                        "Only on this interface, by name or address; may be repeated. Default: all but loopback")
+            ->type_name("NAME|IP")
+            ->allow_extra_args(false);
+    }
+
+    void waitOption(CLI::App* sub)
+    {
         text(
             sub, "-w,--wait", "How long to listen, in milliseconds (default: 1000)",
             [this](const std::string& value) { options_.waitMs = number(value, "--wait", 1); }, "MS");
@@ -425,11 +466,143 @@ private:
         sub->add_option("names", options_.features, help)->type_name(type)->required();
     }
 
+    void ip()
+    {
+        CLI::App* const group = app_.add_subcommand("ip", "Show or set cameras' addresses and names");
+        group->require_subcommand(1);
+        CLI::App* const list = command(
+            *group, "list",
+            "List the cameras of the network with their addresses, also those of a wrong subnet, and\n"
+            "tell how to mend that; the daemon is not needed",
+            runIpList, [] {},
+            "  gevctl ip list\n"
+            "  gevctl ip list -i eth1 --json");
+        discoveryOptions(list);
+        CLI::App* const force = command(
+            *group, "force",
+            "Give a camera an address until its next start, wherever its own lies; 0.0.0.0 has it look for one anew.\n"
+            "The daemon is not needed",
+            runIpForce, [this] { takeForce(); },
+            "  gevctl ip force 00:11:22:AA:BB:CC 192.168.7.20\n"
+            "  gevctl ip force 00:11:22:AA:BB:CC 192.168.7.20/24 --gateway 192.168.7.1 -i eth1\n"
+            "  gevctl ip force 00:11:22:AA:BB:CC 0.0.0.0");
+        force->add_option("camera", options_.which, "MAC address, serial number, name or present address")
+            ->type_name("CAMERA")
+            ->required();
+        force->add_option("address", addressText_, "The new address; without /PREFIX in the interface's subnet")
+            ->type_name("ADDRESS[/PREFIX]")
+            ->required();
+        subnetOptions(force);
+        force->add_flag("--anyway", options_.anyway, "Also an address that does not fit the interface");
+        interfaceOption(force);
+        waitOption(force);
+        CLI::App* const show = command(
+            *group, "show", "Show a camera's address, the one that it keeps, and how it comes by it", runIpShow, [] {},
+            "  gevctl ip show -c 192.168.7.20");
+        cameraOptions(show, true, {});
+        CLI::App* const persistent = command(
+            *group, "persistent", "Show the address that the camera keeps, or have it keep one and start with it",
+            runIpPersistent, [this] { takePersistent(); },
+            "  gevctl ip persistent -c 192.168.7.20\n"
+            "  gevctl ip persistent -c 192.168.7.20 192.168.7.20/24\n"
+            "  gevctl ip persistent -c 192.168.7.20 off");
+        cameraOptions(persistent, true, "control to set");
+        settingOption(persistent, "The address to keep; off or on: start without or with it", "ADDRESS/PREFIX|on|off");
+        subnetOptions(persistent);
+        CLI::App* const dhcp = command(
+            *group, "dhcp", "Show whether the camera asks a DHCP server, or set it; on turns a persistent address off",
+            runIpDhcp, [this] { takeSwitch("ip dhcp", true); },
+            "  gevctl ip dhcp -c 192.168.7.20\n"
+            "  gevctl ip dhcp -c 192.168.7.20 on");
+        cameraOptions(dhcp, true, "control to set");
+        settingOption(dhcp, "on or off", "on|off");
+        CLI::App* const linkLocal = command(
+            *group, "link-local",
+            "Show the camera's way to an address, or have it choose one in 169.254.0.0/16: on turns a persistent\n"
+            "address and DHCP off",
+            runIpLinkLocal, [this] { takeSwitch("ip link-local", false); },
+            "  gevctl ip link-local -c 192.168.7.20 on");
+        cameraOptions(linkLocal, true, "control to set");
+        settingOption(linkLocal, "on; cameras can't turn their last resort off", "on");
+        CLI::App* const name = command(
+            *group, "name", "Show or set the name that the user has given to the camera; \"\" takes it away", runIpName,
+            [this] { takeSetting(); },
+            "  gevctl ip name -c 192.168.7.20\n"
+            "  gevctl ip name -c 192.168.7.20 \"Left arm\"");
+        cameraOptions(name, true, "control to set");
+        settingOption(name, "The new name, at most 16 bytes", "NAME");
+    }
+
+    void settingOption(CLI::App* sub, const std::string& help, const std::string& typeName)
+    {
+        sub->add_option_function<std::string>(
+               "setting", [this](const std::string& value) { options_.setting = value; }, help)
+            ->type_name(typeName);
+    }
+
+    void subnetOptions(CLI::App* sub)
+    {
+        text(
+            sub, "--mask", "Subnet mask, in place of a prefix", [this](const std::string& value) { maskText_ = value; },
+            "MASK");
+        text(
+            sub, "--gateway", "The way out of the subnet; default: none",
+            [this](const std::string& value) { options_.ip.gateway = ipAddress(value, "--gateway"); }, "IP");
+    }
+
+    void takeAddress(const std::string& typed)
+    {
+        const std::uint32_t gateway = options_.ip.gateway;
+        options_.ip = ipWithSubnet(typed);
+        options_.ip.gateway = gateway;
+        if (maskText_.empty())
+            return;
+        if (options_.ip.subnetMask != 0)
+            throw CLI::ValidationError("--mask", "the address has a prefix already");
+        options_.ip.subnetMask = ipAddress(maskText_, "--mask");
+    }
+
+    void takeForce()
+    {
+        takeAddress(addressText_);
+        if (options_.ip.address == 0 && options_.ip != zuGevClient::IpAddress{})
+            throw CLI::ValidationError("ADDRESS", "0.0.0.0 has neither subnet nor gateway");
+        if (options_.anyway && options_.ip.address != 0 && options_.ip.subnetMask == 0)
+            throw CLI::ValidationError("--anyway", "needs a subnet: ADDRESS/PREFIX or --mask");
+    }
+
+    /// To set anything takes control.
+    void takeSetting()
+    {
+        if (options_.setting)
+            orElse(LinkMode::control());
+    }
+
+    void takePersistent()
+    {
+        takeSetting();
+        const bool isAddress = options_.setting && options_.setting != "on" && options_.setting != "off";
+        if (isAddress)
+            takeAddress(*options_.setting);
+        if (isAddress && options_.ip.subnetMask == 0)
+            throw CLI::ValidationError("ip persistent", "needs a subnet: ADDRESS/PREFIX or --mask");
+        if (!isAddress && (options_.ip.gateway != 0 || !maskText_.empty()))
+            throw CLI::ValidationError("ip persistent", "needs an address to a mask or a gateway");
+    }
+
+    void takeSwitch(const std::string& what, bool hasOff)
+    {
+        takeSetting();
+        if (options_.setting && options_.setting != "on" && !(hasOff && options_.setting == "off"))
+            throw CLI::ValidationError(what, "'" + *options_.setting + "' is not on" + (hasOff ? " or off" : ""));
+    }
+
     CLI::App app_{"Talks to GigE Vision cameras through the daemon of this machine.", "gevctl"};
     Options options_;
     std::function<void()> finish_ = [] {};
     std::vector<std::string> words_;
     std::string addressText_;
+    std::string maskText_;
     std::string sizeText_;
     std::string dataText_;
 };

@@ -1,7 +1,7 @@
 // The command line: what was asked for, checked as far as it can be without a camera.
 #pragma once
 
-#include "client/GevClient.h"
+#include "client/GevDiscovery.h"
 #include "features/FeatureTypes.h"
 
 #include <cstdint>
@@ -60,6 +60,10 @@ struct Options {
 
     std::vector<std::string> features; ///< names, or NAME=VALUE
     zuGevFeatures::Visibility visibility = zuGevFeatures::Visibility::beginner;
+    std::string which;                  ///< camera: MAC address, serial number, name or present address
+    zuGevClient::IpAddress ip;          ///< to give; subnet mask 0: that of the interface
+    bool anyway = false;                ///< also an address that doesn't fit
+    std::optional<std::string> setting; ///< "on", "off", an address, a name; none: only show
 };
 
 /// Either options, or what to print and the exit code: help goes to standard output with 0, a complaint to standard

@@ -195,6 +195,8 @@ void NetworkCamera::answer(int socket, const Heard& question, std::uint32_t from
     const bool mayBroadcast = (bytes[1] & 0x10) != 0;
     Bytes reply;
     if (bytes[3] == 0x02) {
+        if (!behaviour_.discoverable)
+            return;
         reply = discoveryAnswer(question);
     } else if (bytes[3] == 0x04 && bytes.size() == 64 &&
                std::equal(mac_.bytes.begin(), mac_.bytes.end(), bytes.begin() + 10)) {

@@ -23,6 +23,7 @@ struct Heard {
 class NetworkCamera {
 public:
     struct Behaviour {
+        bool discoverable = true;      ///< answers DISCOVERY
         bool answersDirectly = true;   ///< else only by a broadcast, where the question permits that
         bool acknowledgesForce = true; ///< answers FORCEIP
         bool obeysForce = true;        ///< takes the address

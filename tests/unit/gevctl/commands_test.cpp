@@ -354,7 +354,7 @@ TEST_F(GevctlTest, discoverByAddress)
     EXPECT_EQ(json()["cameras"][0]["model"], "gevsim");
     EXPECT_EQ(json()["cameras"][0]["address"], address());
     EXPECT_EQ(gevctl("discover --address " + address() + " --wait 1000"), 0);
-    EXPECT_THAT(out, AllOf(StartsWith("127.0.15.3  "), HasSubstr("  gevsim  "), HasSubstr("  \"Left\"\n")));
+    EXPECT_THAT(out, AllOf(StartsWith("127.0.15.3  "), HasSubstr("  gevsim  "), HasSubstr("  \"Left\"  (lo)\n")));
     EXPECT_EQ(gevctl("discover --address 127.0.15.250 --wait 50"), 0);
     EXPECT_EQ(out, "");
     EXPECT_EQ(err, "No camera has answered.\n");
@@ -468,6 +468,62 @@ TEST_F(GevctlTest, namesAndEntriesAreCompletedFromACache)
     EXPECT_EQ(gevctl("feature complete -c CAMERA ReverseX="), 0);
     EXPECT_EQ(described(), 2u);
     unsetenv("XDG_CACHE_HOME");
+}
+
+TEST_F(GevctlTest, addressesThatACameraKeeps)
+{
+    EXPECT_EQ(gevctl("ip show -c CAMERA"), 0) << err;
+    EXPECT_THAT(out, AllOf(HasSubstr("ip:                   127.0.15.3\n"), HasSubstr("userName:             Left\n")));
+    EXPECT_EQ(gevctl("ip persistent -c CAMERA 127.0.15.9/8 --gateway 127.0.15.1 --json"), 0) << err;
+    EXPECT_EQ(json()["persistentIp"], "127.0.15.9");
+    EXPECT_EQ(json()["persistentSubnetMask"], "255.0.0.0");
+    EXPECT_EQ(json()["persistentGateway"], "127.0.15.1");
+    EXPECT_THAT(json()["on"].get<std::string>(), StartsWith("persistent"));
+    EXPECT_EQ(err, "");
+    EXPECT_EQ(camera.readRegister(gevsim::reg::persistentIp), 0x7F000F09u);
+    EXPECT_EQ(camera.readRegister(gevsim::reg::persistentSubnetMask), 0xFF000000u);
+    EXPECT_EQ(camera.readRegister(gevsim::reg::persistentGateway), 0x7F000F01u);
+    EXPECT_EQ(camera.readRegister(gevsim::reg::ccp), 0u); // given back
+
+    EXPECT_EQ(gevctl("ip dhcp -c CAMERA on"), 0) << err;
+    EXPECT_THAT(out, HasSubstr("dhcp, link-local\n"));
+    EXPECT_THAT(err, AllOf(StartsWith("In force from the camera's next start"), HasSubstr("gevctl ip force ")));
+    EXPECT_EQ(camera.readRegister(gevsim::reg::currentIpConfiguration) & 7, 6u);
+    EXPECT_EQ(gevctl("ip persistent -c CAMERA on -q"), 0) << err;
+    EXPECT_EQ(err, "");
+    EXPECT_EQ(camera.readRegister(gevsim::reg::currentIpConfiguration) & 7, 7u);
+    EXPECT_EQ(gevctl("ip persistent -c CAMERA off"), 0) << err;
+    EXPECT_EQ(camera.readRegister(gevsim::reg::currentIpConfiguration) & 7, 6u);
+    EXPECT_EQ(gevctl("ip dhcp -c CAMERA off"), 0) << err;
+    EXPECT_EQ(camera.readRegister(gevsim::reg::currentIpConfiguration) & 7, 4u);
+    EXPECT_EQ(gevctl("ip persistent -c CAMERA on"), 0) << err;
+    EXPECT_EQ(gevctl("ip link-local -c CAMERA on"), 0) << err;
+    EXPECT_EQ(camera.readRegister(gevsim::reg::currentIpConfiguration) & 7, 4u);
+
+    const auto before = camera.received(gevsim::Command::writeReg);
+    for (const char* const line : {"ip show -c CAMERA", "ip persistent -c CAMERA", "ip dhcp -c CAMERA",
+                                   "ip link-local -c CAMERA", "ip name -c CAMERA"}) {
+        EXPECT_EQ(gevctl(line), 0) << err;
+        EXPECT_EQ(err, "") << line;
+    }
+    EXPECT_EQ(camera.received(gevsim::Command::writeReg), before); // to look changes nothing
+    EXPECT_EQ(gevctl("ip persistent -c CAMERA 127.0.0.0/8"), exitFailure);
+    EXPECT_THAT(err, HasSubstr("127.0.0.0 is the address of the subnet itself"));
+}
+
+TEST_F(GevctlTest, aCamerasName)
+{
+    EXPECT_EQ(gevctl("ip name -c CAMERA"), 0) << err;
+    EXPECT_EQ(out, "Left\n");
+    EXPECT_EQ(gevctl("ip name -c CAMERA Right --json"), 0) << err;
+    EXPECT_EQ(json()["userName"], "Right");
+    EXPECT_EQ(camera.readMemory(gevsim::reg::userDefinedName, 16),
+              (Bytes{'R', 'i', 'g', 'h', 't', 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(camera.readRegister(gevsim::reg::ccp), 0u);
+    EXPECT_EQ(gevctl("ip name -c CAMERA ARightNameThatIsLong"), exitFailure);
+    EXPECT_THAT(err, HasSubstr("has at most 16 bytes"));
+    EXPECT_EQ(gevctl("ip name -c CAMERA"), 0);
+    EXPECT_EQ(out, "Right\n");
 }
 
 } // namespace

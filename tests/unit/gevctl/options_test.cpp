@@ -131,6 +131,58 @@ TEST(OptionsTest, discoverAndStatus)
     EXPECT_TRUE(good("xml -c 1.2.3.4 --url").urlOnly);
 }
 
+TEST(OptionsTest, addresses)
+{
+    using zuGevClient::IpAddress;
+    EXPECT_EQ(good("ip list -i eth0 --address 1.2.3.4 -w 50").command, &runIpList);
+    const Options force = good("ip force 00:11:22:AA:BB:CC 192.168.7.20 -i eth0 -w 50 --anyway --mask 255.255.0.0");
+    EXPECT_EQ(force.command, &runIpForce);
+    EXPECT_EQ(force.which, "00:11:22:AA:BB:CC");
+    EXPECT_EQ(force.ip, (IpAddress{0xC0A80714, 0xFFFF0000, 0}));
+    EXPECT_THAT(force.interfaces, ElementsAre("eth0"));
+    EXPECT_EQ(force.waitMs, 50u);
+    EXPECT_TRUE(force.anyway);
+    EXPECT_EQ(good("ip force Left 192.168.7.20").ip, (IpAddress{0xC0A80714, 0, 0}));
+    EXPECT_EQ(good("ip force Left 192.168.7.20/24 --gateway 192.168.7.1").ip,
+              (IpAddress{0xC0A80714, 0xFFFFFF00, 0xC0A80701}));
+    EXPECT_EQ(good("ip force Left 192.168.7.20/32").ip.subnetMask, 0xFFFFFFFFu);
+    EXPECT_EQ(good("ip force Left 192.168.7.20/1").ip.subnetMask, 0x80000000u);
+    EXPECT_EQ(good("ip force Left 192.168.7.20/255.255.255.128").ip.subnetMask, 0xFFFFFF80u);
+    EXPECT_EQ(good("ip force Left 0.0.0.0").ip, IpAddress{});
+    bad("ip force Left", "address");
+    bad("ip force Left 192.168.7", "'192.168.7' is no IPv4 address");
+    bad("ip force Left 192.168.7.20:80", "is no IPv4 address");
+    bad("ip force Left 192.168.7.20/33", "'33' is no IPv4 address");
+    bad("ip force Left 192.168.7.20/24 --mask 255.0.0.0", "has a prefix already");
+    bad("ip force Left 0.0.0.0/24", "0.0.0.0 has neither");
+    bad("ip force Left 192.168.7.20 --anyway", "needs a subnet");
+
+    EXPECT_EQ(good("ip show -c 1.2.3.4").command, &runIpShow);
+    EXPECT_FALSE(good("ip persistent -c 1.2.3.4").setting);
+    EXPECT_FALSE(good("ip persistent -c 1.2.3.4").access); // to look takes nothing
+    const Options keep = good("ip persistent -c 1.2.3.4 192.168.7.20/24 --gateway 192.168.7.1");
+    EXPECT_EQ(keep.command, &runIpPersistent);
+    EXPECT_EQ(keep.ip, (IpAddress{0xC0A80714, 0xFFFFFF00, 0xC0A80701}));
+    EXPECT_EQ(keep.access->value(), zuGevClient::LinkMode::control().value());
+    EXPECT_EQ(good("ip persistent -c 1.2.3.4 off").setting, "off");
+    bad("ip persistent -c 1.2.3.4 192.168.7.20", "needs a subnet");
+    bad("ip persistent -c 1.2.3.4 maybe", "'maybe' is no IPv4 address");
+    bad("ip persistent -c 1.2.3.4 on --gateway 1.2.3.1", "needs an address");
+
+    EXPECT_EQ(good("ip dhcp -c 1.2.3.4 on").command, &runIpDhcp);
+    EXPECT_EQ(good("ip dhcp -c 1.2.3.4 off").setting, "off");
+    bad("ip dhcp -c 1.2.3.4 perhaps", "'perhaps' is not on or off");
+    EXPECT_EQ(good("ip link-local -c 1.2.3.4 on").command, &runIpLinkLocal);
+    bad("ip link-local -c 1.2.3.4 off", "'off' is not on");
+    EXPECT_EQ(good("ip name -c 1.2.3.4 Left").setting, "Left");
+    EXPECT_EQ(good("ip name -c 1.2.3.4").command, &runIpName);
+    const Parsed empty = parseCommandLine({"ip", "name", "-c", "1.2.3.4", ""});
+    ASSERT_TRUE(empty.options) << empty.err;
+    EXPECT_EQ(empty.options->setting, "");
+    bad("ip", "subcommand");
+    bad("ip show", "--camera is required");
+}
+
 TEST(OptionsTest, usage)
 {
     bad("", "subcommand");
@@ -141,8 +193,10 @@ TEST(OptionsTest, usage)
 
 TEST(OptionsTest, everyCommandHasHelpWithExamples)
 {
-    for (const char* const command : {"", "discover", "info", "reg read", "reg write", "mem read", "mem write", "xml",
-                                      "watch", "timeouts get", "timeouts set", "status", "check"}) {
+    for (const char* const command :
+         {"",         "discover", "info",          "reg read",     "reg write",     "mem read", "mem write",
+          "xml",      "watch",    "timeouts get",  "timeouts set", "status",        "check",    "ip list",
+          "ip force", "ip show",  "ip persistent", "ip dhcp",      "ip link-local", "ip name"}) {
         const Parsed parsed = parse(std::string(command) + " --help");
         EXPECT_FALSE(parsed.options) << command;
         EXPECT_EQ(parsed.exitCode, exitSuccess) << command;
