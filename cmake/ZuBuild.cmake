@@ -67,6 +67,13 @@ function(zu_program name)
     target_link_libraries(${name} PRIVATE zu_options ${arg_DEPENDS})
 endfunction()
 
+# zu_loads_features(NAME): a program that loads the features library while it runs, and finds it where it was built. The
+# sanitizers load libraries from within their own, for which the newer kind of rpath says nothing.
+function(zu_loads_features name)
+    set_target_properties(${name} PROPERTIES BUILD_RPATH "${CMAKE_BINARY_DIR}/packaging")
+    target_link_options(${name} PRIVATE "LINKER:--disable-new-dtags")
+endfunction()
+
 # zu_test(NAME SOURCES ... [DEPENDS ...] [LABELS ...] [TIMEOUT seconds] [MACHINE] [WHOLE]): a GoogleTest program.
 # Each of its cases is one CTest test, or the program as a whole with WHOLE. MACHINE: it uses the machine-wide names of
 # the daemon, so no two such tests run at once. In DEPENDS a fake that replaces a service stands before the room.
